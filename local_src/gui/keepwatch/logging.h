@@ -1,0 +1,57 @@
+// The sink of all log lines and telegrams of the device.
+#ifndef LOGGING_H
+#define LOGGING_H
+
+#include <QMutex>
+#include <QObject>
+#include <QString>
+
+class QFile;
+
+/**
+ * Writes log lines, with delay and level marker in front, to stdout or syslog and to the log file,
+ * and telegrams to the telegram file. Owns both files. One object a process, on the main thread.
+ * What cannot be written is lost without a report, and so is nothing that comes after it.
+ */
+class Logging : public QObject
+{
+    Q_OBJECT
+
+public:
+    /** Reads the logging settings, truncates the files that they name, logs the first line. */
+    Logging();
+    /** Serves what the bus has queued for this object, then closes the files. */
+    ~Logging();
+
+    /** The one object; ends the process with a fatal message if there is none. */
+    static Logging *getInstance();
+
+    /**
+     * Passes a line to the one object from any thread: at once on the main thread, else through
+     * its event queue. Once the object is gone the line is dropped.
+     */
+    static void deliver(uint level, const QString &line);
+
+public slots:
+    /**
+     * Writes one log line. `level`: 0 debug, 1 warning, 2 error, 3 and 4 trace, 5 info; any other
+     * drops the line. `message`: "(yyyy-MM-dd hh:mm:ss.zzz) name: text", local time; without a
+     * readable stamp the delay is 0.
+     */
+    void onMessage(uint level, QString message);
+    /** Writes `telegrams` to the telegram file as they stand, if there is one. */
+    void onTelegrams(QString telegrams);
+
+private:
+    friend class InsideTest;
+
+    bool useSyslog;
+
+    static QFile *telegramFile; // null without a setting
+    static QFile *logFile; // null without a setting
+    static Logging *instance;
+    static bool closed;
+    static QMutex mutex; // guards instance and closed against threads other than the main one
+};
+
+#endif

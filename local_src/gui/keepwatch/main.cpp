@@ -1,0 +1,169 @@
+// Entry of keepwatch: makes everything, runs the event loop, and is the funnel of all messages.
+#include "main.h"
+
+#include "logging.h"
+#include "watchdog.h"
+
+#include <QCoreApplication>
+#include <QDBusConnection>
+#include <QDateTime>
+#include <QFileInfo>
+#include <QProcess>
+#include <QSettings>
+#include <QSocketNotifier>
+#include <QTextCodec>
+
+#include <cerrno>
+#include <clocale>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <fcntl.h>
+#include <unistd.h>
+
+bool suppressTrace;
+bool suppressDebug;
+
+// Never closed: a signal may come until the very end of the process.
+static int quitPipe[2] = { -1, -1 };
+
+QByteArray logTag(const char *form, const char *path, int line)
+{
+    const QString file = QFileInfo(QString::fromLocal8Bit(path)).fileName().left(20);
+    return QString::fromLatin1(form).arg(file, -20).arg(line, 5).toLocal8Bit();
+}
+
+LogStatement::LogStatement(QtMsgType type, const QByteArray &tag)
+    : type(type)
+{
+    *this << tag.constData();
+}
+
+LogStatement::~LogStatement()
+{
+    sendMessage(type, buffer);
+}
+
+LogStatement &LogStatement::operator<<(const char *text)
+{
+    buffer += QString::fromLatin1(text) + QLatin1Char(' ');
+    return *this;
+}
+
+LogStatement &LogStatement::operator<<(const QString &text)
+{
+    buffer += QLatin1Char('"') + text + QLatin1String("\" ");
+    return *this;
+}
+
+LogStatement &LogStatement::operator<<(const QByteArray &bytes)
+{
+    return *this << QString::fromLatin1(bytes.constData(), bytes.size());
+}
+
+LogStatement &LogStatement::operator<<(int number)
+{
+    return *this << qint64(number);
+}
+
+LogStatement &LogStatement::operator<<(qint64 number)
+{
+    buffer += QString::number(number) + QLatin1Char(' ');
+    return *this;
+}
+
+void messageHandler(QtMsgType type, const char *msg)
+{
+    uint level = 0;
+    if (type == QtDebugMsg) {
+        if (qstrncmp(msg, "-->:", 4) == 0 || qstrncmp(msg, "<--:", 4) == 0) {
+            if (suppressTrace)
+                return;
+            level = *msg == '-' ? 3 : 4;
+            msg += 4;
+        } else if (qstrncmp(msg, "NODEBUG:", 8) == 0) {
+            level = 5;
+            msg += 8;
+        } else if (suppressDebug) {
+            return;
+        }
+    }
+
+    const QString stamp = QDateTime::currentDateTime().toString(QLatin1String("yyyy-MM-dd hh:mm:ss.zzz"));
+    const QString line
+        = QLatin1Char('(') + stamp + QLatin1String(") keepwatch      : ") + QString::fromLatin1(msg);
+
+    switch (type) {
+    case QtDebugMsg: Logging::deliver(level, line); break;
+    case QtWarningMsg: Logging::deliver(1, line); break;
+    case QtCriticalMsg: Logging::deliver(2, line); break;
+    case QtFatalMsg: fprintf(stderr, "fatal error: %s\n", line.toLocal8Bit().constData()); abort();
+    default: break;
+    }
+}
+
+QStringList findProcesses(const QString &name, QProcess *process)
+{
+    process->start(QLatin1String("pgrep"), QStringList(name));
+    QString output;
+    while (process->waitForReadyRead(30000))
+        output += QString::fromLatin1(process->readAllStandardOutput().constData());
+    return output.split(QLatin1Char('\n'), QString::SkipEmptyParts);
+}
+
+// Only the write is safe in a signal handler; the event loop finds the byte and quits.
+static void sigintHandler(int signal)
+{
+    if (signal != SIGINT)
+        return;
+    const int error = errno;
+    const ssize_t ignored = write(quitPipe[1], "", 1); // a full pipe says it already
+    Q_UNUSED(ignored)
+    errno = error;
+}
+
+int main(int argc, char **argv)
+{
+    QCoreApplication::setOrganizationName(QLatin1String("zarn5"));
+    QCoreApplication::setOrganizationDomain(QLatin1String("zarn5.qel.com"));
+    QCoreApplication::setApplicationName(QLatin1String("keepwatch"));
+    qInstallMsgHandler(messageHandler);
+    QCoreApplication application(argc, argv);
+
+    // Many a device starts its daemons without a locale. Qt 4 takes that for an encoding that
+    // lacks most letters, and lines would lose them.
+    if (qstrcmp(setlocale(LC_CTYPE, 0), "C") == 0)
+        QTextCodec::setCodecForLocale(QTextCodec::codecForName("UTF-8"));
+
+    QProcess guard;
+    const QString name = QFileInfo(QString::fromLatin1(argv[0])).completeBaseName();
+    if (findProcesses(name, &guard).size() >= 2) { // this process is one of them
+        const char refusal[] = "an instance of this keepwatch tool is already running. abort.\n";
+        fwrite(refusal, 1, sizeof refusal - 1, stderr);
+        return 0;
+    }
+
+    Logging logging;
+    QSettings settings;
+    suppressDebug = settings.value(QLatin1String("logging/debug"), 1).toInt() != 0;
+    suppressTrace = settings.value(QLatin1String("logging/trace"), 1).toInt() != 0;
+
+    QDBusConnection bus = QDBusConnection::sessionBus();
+    if (!bus.isConnected())
+        qFatal("Cannot connect to the D-Bus session");
+    bus.connect(QString(), QString(), QLatin1String("com.qel.zarn5.log"), QLatin1String("log"), &logging,
+                SLOT(onMessage(uint, QString)));
+    bus.connect(QString(), QString(), QLatin1String("com.qel.zarn5.busmon"), QLatin1String("busmon"),
+                &logging, SLOT(onTelegrams(QString)));
+
+    const QStringList modules = QStringList() << QLatin1String("gui") << QLatin1String("uartinterface");
+    Watchdog watchdog(modules, QLatin1String("gui"));
+
+    const bool piped = pipe2(quitPipe, O_CLOEXEC | O_NONBLOCK) == 0;
+    QSocketNotifier quitNotifier(quitPipe[0], QSocketNotifier::Read);
+    QObject::connect(&quitNotifier, SIGNAL(activated(int)), &application, SLOT(quit()));
+    if (piped) // else SIGINT keeps its default effect
+        signal(SIGINT, sigintHandler);
+
+    return application.exec();
+}

@@ -1,0 +1,79 @@
+// What every part of keepwatch shares: the log statement, the handler that it ends in, the pgrep
+// run, and all that differs between the versions of Qt.
+#ifndef MAIN_H
+#define MAIN_H
+
+#include <QByteArray>
+#include <QString>
+#include <QStringList>
+#include <QTimer>
+#include <QtGlobal>
+
+class QProcess;
+
+/** A log statement: "logWarning() << item << item;". Every item is followed by one blank. */
+#define logInfo() LogStatement(QtDebugMsg, logTag("NODEBUG:%1,%2:", __FILE__, __LINE__))
+#define logWarning() LogStatement(QtWarningMsg, logTag("%1,%2:", __FILE__, __LINE__))
+#define logError() LogStatement(QtCriticalMsg, logTag("%1,%2:", __FILE__, __LINE__))
+
+/** The first item of a statement: file name (20 characters) and line (5) put into `form`. */
+QByteArray logTag(const char *form, const char *path, int line);
+
+/**
+ * Gathers the items of one log statement and hands the text to Qt's message output when it is
+ * destroyed. QDebug is no substitute: from Qt 5 on it escapes texts and drops the last blank.
+ */
+class LogStatement
+{
+public:
+    LogStatement(QtMsgType type, const QByteArray &tag);
+    ~LogStatement();
+
+    LogStatement &operator<<(const char *text); ///< bare, each byte one character
+    LogStatement &operator<<(const QString &text); ///< in double quotes, nothing escaped
+    LogStatement &operator<<(const QByteArray &bytes); ///< in double quotes, each byte one character
+    LogStatement &operator<<(int number);
+    LogStatement &operator<<(qint64 number);
+
+private:
+    QtMsgType type;
+    QString buffer;
+};
+
+/** While set, messages with an arrow ("-->:", "<--:") or plain debug messages are dropped. */
+extern bool suppressTrace;
+extern bool suppressDebug;
+
+/**
+ * The end of every message of the process, on whatever thread: adds stamp and name, and passes the
+ * line to the Logging object. A fatal message goes to stderr and ends the process.
+ */
+void messageHandler(QtMsgType type, const char *msg);
+
+/**
+ * Runs "pgrep name" and returns the ids that it prints, in order; an empty list if it cannot be
+ * started. Blocks until pgrep has ended or said nothing for 30000 ms. `process` is the caller's,
+ * since a pgrep that hangs must live on: destroying it here would be a message of its own.
+ */
+QStringList findProcesses(const QString &name, QProcess *process);
+
+// Qt 4 and Qt 5 part ways only here.
+#if QT_VERSION >= 0x050000
+/** The category keeps logging rules of the environment away: those drop messages of the default one. */
+inline void sendMessage(QtMsgType type, const QString &text)
+{
+    qt_message_output(type, QMessageLogContext(0, 0, 0, "keepwatch"), text);
+}
+inline void makePrecise(QTimer &timer)
+{
+    timer.setTimerType(Qt::PreciseTimer);
+}
+#else
+inline void sendMessage(QtMsgType type, const QString &text)
+{
+    qt_message_output(type, text.toLocal8Bit().constData());
+}
+inline void makePrecise(QTimer &) { } // always is
+#endif
+
+#endif
