@@ -60,6 +60,8 @@ Watchdog::Watchdog(const QStringList &modules, const QString &statusModuleName)
 Watchdog::~Watchdog()
 {
     for (Module *module : modules) {
+        if (module->process)
+            module->process->disconnect(this); // a process that is deleted alive still reports its end
         delete module->process;
         module->process = 0;
         disconnectModule(module);
