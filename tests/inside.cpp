@@ -178,6 +178,41 @@ private slots:
         QCOMPARE(read("telegrams"), QByteArray("a\xc3\xbc"));
     }
 
+    // In a zone whose clock changes amid a minute.
+    void stampsAreTheLibrarysToTheMillisecond()
+    {
+        const QString form("yyyy-MM-dd hh:mm:ss.zzz");
+        QStringList stamps
+            = { "2026-02-29 10:00:00.000",      "2028-02-29 10:00:00.000", "2026-01-01 24:00:00.000",
+                "2026-01-01 10:00:60.000",      "2026-01-01 10:00:-1.000", "2026-01-01 10:00: 5.000",
+                "2026-01-01 10:00:00.00",       "2026-01-01 10:00:00,000", "2026-01-01 10:00:00.0000",
+                "2026-01-01 10:00:00.00x",      " 026-01-01 10:00:00.000", "+026-01-01 10:00:00.000",
+                "2026-01-01 10:00:0\u0663.000", "1893-04-01 00:06:10.000", "9999-12-31 23:59:59.999" };
+        const qint64 changes[]
+            = { 1774746000000, 1792890000000, 253402300800000 }; // spring, autumn, year 10000
+        for (int i = 0; i < 3000; ++i) {
+            const qint64 reach = i % 5 ? 8000000 : i % 4 ? 1 : changes[2] * 2; // near them or anywhere
+            const qint64 time = changes[i % 3] - reach + qint64(2 * reach * (qrand() / (RAND_MAX + 1.0)));
+            for (qint64 near : { time, time / 60000 * 60000, time / 60000 * 60000 + 59999, time + 777 }) {
+                stamps << QDateTime::fromMSecsSinceEpoch(near).toString(form);
+                QCOMPARE(writeStamp(near), stamps.last());
+            }
+            stamps << QString(stamps.last()).replace(qrand() % 23, 1, QString("0259:-. +")[qrand() % 9]);
+        }
+        for (int minute = 0; minute < 61; ++minute) { // an hour that is skipped, one that is repeated
+            for (const char *second : { "03-29 %1:10", "03-29 %1:50", "10-25 %1:10", "10-25 %1:50" })
+                stamps << "2026-" + QString(second).arg(QTime(2, 0).addSecs(60 * minute).toString("hh:mm"))
+                        + ".123";
+        }
+        for (const QString &stamp : stamps) {
+            const QDateTime read = QDateTime::fromString(stamp, form);
+            qint64 time = 0;
+            QVERIFY2(readStamp(stamp, &time) == read.isValid(), qPrintable(stamp));
+            QVERIFY2(!read.isValid() || time == read.toMSecsSinceEpoch(), qPrintable(stamp));
+            QCOMPARE(writeStamp(time), QDateTime::fromMSecsSinceEpoch(time).toString(form));
+        }
+    }
+
     void fullDiskLosesOnlyWhatFindsNoRoom()
     {
         const int start = read("log").size();
@@ -321,10 +356,12 @@ private slots:
         write("kill", "#!/bin/sh\necho kill \"$@\" >>asked");
         const QByteArray path = qgetenv("PATH"), kills = "\nkill -9 11\nkill -9 22\nkill -9 33\n";
         qputenv("PATH", folder->path().toLocal8Bit() + ':' + path);
+        write(".gui", "");
+        QSettings().setValue("gui/path", ".gui"); // no name that could be asked for
         build(false, StartupKill);
         dog->onCyclicTimer();
         qputenv("PATH", path);
-        QCOMPARE(read("asked"), "pgrep zarn5_gui" + kills + "pgrep zarn5_uartinter" + kills);
+        QCOMPARE(read("asked"), "pgrep zarn5_uartinter" + kills);
         QCOMPARE(log().count("WW have to kill unresponsive process zarn5_uartinterface"), 3);
         QCOMPARE(dog->cyclicTimer.interval(), 100);
     }

@@ -8,6 +8,7 @@
 #include <QSettings>
 #include <QThread>
 
+#include <cerrno>
 #include <cstdio>
 #include <syslog.h>
 #include <unistd.h>
@@ -33,6 +34,72 @@ static const struct
     { "[%05i]    %s\n", LOG_INFO }, // 5: info
 };
 
+static const QLatin1String stampFormat("yyyy-MM-dd hh:mm:ss.zzz");
+
+// Date texts would be most of the cost of a line. But within a minute only the digits behind
+// "yyyy-MM-dd hh:mm:" change, so the library is asked once a minute.
+static thread_local struct
+{
+    QString text; // the first 17 characters of its stamps
+    qint64 start; // ms since the epoch
+    bool plain; // stamps are text, seconds and milliseconds; else each is left to the library
+} minute;
+
+// Makes the minute of `stamp` the current one; true if it is plain.
+static bool enterMinute(const QString &stamp)
+{
+    if (!minute.text.isEmpty() && stamp.startsWith(minute.text))
+        return minute.plain;
+    minute.text = stamp.left(17);
+    const QString start = minute.text + QLatin1String("00.000");
+    const QDateTime first = QDateTime::fromString(start, stampFormat);
+    const QDateTime last = QDateTime::fromString(minute.text + QLatin1String("59.999"), stampFormat);
+    minute.start = first.toMSecsSinceEpoch();
+    // No odd digits, no 24:00, no clock change in between.
+    minute.plain = first.toString(stampFormat) == start && last.toMSecsSinceEpoch() == minute.start + 59999;
+    return minute.plain;
+}
+
+// The number that `count` digits stand for; -1 if one is no digit.
+static int readDigits(const QChar *digits, int count)
+{
+    int number = 0;
+    for (int i = 0; i < count; ++i) {
+        if (digits[i] < QLatin1Char('0') || digits[i] > QLatin1Char('9'))
+            return -1;
+        number = number * 10 + digits[i].unicode() - '0';
+    }
+    return number;
+}
+
+QString writeStamp(qint64 time)
+{
+    const qint64 rest = time - minute.start;
+    if (minute.plain && rest >= 0 && rest < 60000) {
+        char digits[16];
+        qsnprintf(digits, sizeof digits, "%02d.%03d", int(rest / 1000), int(rest % 1000));
+        return minute.text + QLatin1String(digits);
+    }
+    const QString stamp = QDateTime::fromMSecsSinceEpoch(time).toString(stampFormat);
+    enterMinute(stamp);
+    return stamp;
+}
+
+bool readStamp(const QString &stamp, qint64 *time)
+{
+    if (stamp.size() == 23 && stamp[19] == QLatin1Char('.')) {
+        const int seconds = readDigits(stamp.constData() + 17, 2);
+        const int ms = readDigits(stamp.constData() + 20, 3);
+        if (seconds >= 0 && seconds < 60 && ms >= 0 && enterMinute(stamp)) {
+            *time = minute.start + seconds * 1000 + ms;
+            return true;
+        }
+    }
+    const QDateTime read = QDateTime::fromString(stamp, stampFormat);
+    *time = read.toMSecsSinceEpoch();
+    return read.isValid();
+}
+
 // A file that cannot be opened stays closed, and what is written to it is lost.
 static QFile *openFile(const QString &path)
 {
@@ -43,18 +110,34 @@ static QFile *openFile(const QString &path)
     return file;
 }
 
-// One write, whole or not at all. The buffers of QTextStream and QFile would keep what finds no
+// The whole text or nothing of it. The buffers of QTextStream and QFile would keep what finds no
 // room on the disk, growing without end and never writing again.
 static void append(QFile *file, const QByteArray &text)
 {
     if (!file || !file->isOpen())
         return;
-    const ssize_t written = write(file->handle(), text.constData(), text.size());
-    if (written > 0 && written < text.size()) {
-        const off_t start = lseek(file->handle(), -written, SEEK_CUR);
-        if (start < 0 || ftruncate(file->handle(), start) != 0)
-            return; // a pipe: what it took cannot be taken back
+    int done = 0;
+    while (done < text.size()) {
+        const ssize_t written = write(file->handle(), text.constData() + done, text.size() - done);
+        if (written < 0 && errno == EINTR)
+            continue;
+        if (written <= 0)
+            break;
+        done += written;
     }
+    if (done == 0 || done == text.size())
+        return;
+    const off_t start = lseek(file->handle(), -done, SEEK_CUR);
+    if (start < 0 || ftruncate(file->handle(), start) != 0)
+        return; // a pipe: what it took cannot be taken back
+}
+
+static bool isAscii(const QByteArray &text)
+{
+    char bits = 0;
+    for (const char byte : text)
+        bits |= byte;
+    return !(bits & 0x80);
 }
 
 Logging::Logging()
@@ -123,20 +206,29 @@ void Logging::onMessage(uint level, QString message)
     if (level >= sizeof levels / sizeof *levels)
         return;
 
-    int delay = 0;
-    const QDateTime stamp
-        = QDateTime::fromString(message.mid(1, 23), QLatin1String("yyyy-MM-dd hh:mm:ss.zzz"));
-    if (stamp.isValid())
-        delay = int(stamp.msecsTo(QDateTime::currentDateTime()));
+    qint64 stamp;
+    const bool stamped = readStamp(message.mid(1, 23), &stamp);
+    const int delay = stamped ? int(QDateTime::currentMSecsSinceEpoch() - stamp) : 0;
 
-    QString text;
-    text.sprintf(levels[level].format, delay, message.toLocal8Bit().constData());
-    const QByteArray local = text.toLocal8Bit();
+    // ASCII reads the same to the C library and to Qt, which takes other bytes for UTF-8.
+    const char *const format = levels[level].format;
+    const QByteArray bytes = message.toLocal8Bit();
+    QByteArray text, utf8;
+    if (isAscii(bytes)) {
+        text.resize(bytes.size() + 32);
+        text.resize(qsnprintf(text.data(), text.size(), format, delay, bytes.constData()));
+        utf8 = text;
+    } else {
+        const QString line = QString().sprintf(format, delay, bytes.constData());
+        text = line.toLocal8Bit();
+        utf8 = line.toUtf8();
+    }
+
     if (useSyslog)
-        syslog(levels[level].priority, "%s", text.toUtf8().constData());
+        syslog(levels[level].priority, "%s", utf8.constData());
     else
-        printf("%s", local.constData());
-    append(logFile, local);
+        fputs(text.constData(), stdout);
+    append(logFile, text);
 }
 
 void Logging::onTelegrams(QString telegrams)

@@ -8,6 +8,12 @@
 
 class QFile;
 
+/** The stamp of a log line, "yyyy-MM-dd hh:mm:ss.zzz" in local time. `time`: ms since the epoch. */
+QString writeStamp(qint64 time);
+
+/** Reads such a stamp into `time`, ms since the epoch; false if it is none. */
+bool readStamp(const QString &stamp, qint64 *time);
+
 /**
  * Writes log lines, with delay and level marker in front, to stdout or syslog and to the log file,
  * and telegrams to the telegram file. Owns both files. One object a process, on the main thread.

@@ -89,7 +89,7 @@ void messageHandler(QtMsgType type, const char *msg)
         }
     }
 
-    const QString stamp = QDateTime::currentDateTime().toString(QLatin1String("yyyy-MM-dd hh:mm:ss.zzz"));
+    const QString stamp = writeStamp(QDateTime::currentMSecsSinceEpoch());
     const QString line
         = QLatin1Char('(') + stamp + QLatin1String(") keepwatch      : ") + QString::fromLatin1(msg);
 

@@ -12,9 +12,16 @@
 class QProcess;
 
 /** A log statement: "logWarning() << item << item;". Every item is followed by one blank. */
-#define logInfo() LogStatement(QtDebugMsg, logTag("NODEBUG:%1,%2:", __FILE__, __LINE__))
-#define logWarning() LogStatement(QtWarningMsg, logTag("%1,%2:", __FILE__, __LINE__))
-#define logError() LogStatement(QtCriticalMsg, logTag("%1,%2:", __FILE__, __LINE__))
+#define logInfo() LogStatement(QtDebugMsg, tagOfPlace("NODEBUG:%1,%2:"))
+#define logWarning() LogStatement(QtWarningMsg, tagOfPlace("%1,%2:"))
+#define logError() LogStatement(QtCriticalMsg, tagOfPlace("%1,%2:"))
+
+// Made once a place of use, where it never changes.
+#define tagOfPlace(form)                                                                                     \
+    ([]() -> const QByteArray & {                                                                            \
+        static const QByteArray tag = logTag(form, __FILE__, __LINE__);                                      \
+        return tag;                                                                                          \
+    }())
 
 /** The first item of a statement: file name (20 characters) and line (5) put into `form`. */
 QByteArray logTag(const char *form, const char *path, int line);
@@ -36,6 +43,8 @@ public:
     LogStatement &operator<<(qint64 number);
 
 private:
+    Q_DISABLE_COPY(LogStatement)
+
     QtMsgType type;
     QString buffer;
 };
