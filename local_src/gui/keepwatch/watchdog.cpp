@@ -15,7 +15,7 @@
 static const int crashPeriodMs = 300000;
 static const int statusPeriodMs = 60000;
 static const int quitMs = 3000;
-static const int retryMs = 5000;
+static const int waitMs = 5000;
 static const int idleMs = 20000;
 static const int killWaitMs = 3000;
 static const int processNameLength = 15; // of a name the kernel keeps no more
@@ -152,8 +152,12 @@ void Watchdog::startupKill()
 void Watchdog::startupLaunch()
 {
     logInfo() << "startup 3/4 - starting processes for this session";
+    for (const Module *module : modules) {
+        if (module->start && !module->process)
+            serveLoss(module->service); // of a stale process, killed before
+    }
     const bool launched = launchMissing("started");
-    cyclicTimer.setInterval(retryMs);
+    cyclicTimer.setInterval(waitMs);
     if (!launched)
         return;
     state = StartupWait;
@@ -180,7 +184,7 @@ void Watchdog::pausing()
             module->interface->call(QLatin1String("run"), 2);
     }
     const bool launched = launchMissing("restarted");
-    cyclicTimer.setInterval(retryMs);
+    cyclicTimer.setInterval(waitMs);
     if (!launched)
         return;
     state = Reestablishing;
@@ -190,7 +194,7 @@ void Watchdog::pausing()
 void Watchdog::reestablishing()
 {
     if (!allConnected()) {
-        cyclicTimer.setInterval(retryMs);
+        cyclicTimer.setInterval(waitMs);
         return;
     }
     logInfo() << "all required services are reestablished: run!";
@@ -313,6 +317,8 @@ void Watchdog::onReadStandardOutput()
 void Watchdog::killUnresponsive(Module *module)
 {
     const QString baseName = QFileInfo(module->path).baseName();
+    if (baseName.isEmpty()) // a hidden file or a path that ends in a slash
+        return; // pgrep would find all processes
     const QByteArray name = baseName.toLocal8Bit();
     QProcess pgrep;
     for (const QString &id : findProcesses(baseName.left(processNameLength), &pgrep)) {
@@ -369,10 +375,8 @@ void Watchdog::onServiceUnregistered(QString name)
         state = Pausing;
         return;
     }
-    // The end is served inside the wait; nothing is touched behind it.
-    QProcess *process = module->process;
-    process->kill();
-    process->waitForFinished(killWaitMs);
+    module->process->kill();
+    module->process->waitForFinished(killWaitMs); // serves the end inside; nothing is touched behind it
 }
 
 void Watchdog::onProcessFinished(int exitCode, QProcess::ExitStatus exitStatus)

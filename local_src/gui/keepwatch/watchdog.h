@@ -102,8 +102,8 @@ private:
 
     /**
      * Waits until the bus, too, has noticed the end of the owner of `service`, and serves its report.
-     * One that came after the relaunch would be read as a loss by the new process. Other slots may
-     * run inside: a caller does nothing afterwards.
+     * One that came after the launch would be read as a loss by the new process. Other slots may run
+     * inside: from StartupWait on a caller does nothing afterwards.
      */
     void serveLoss(const QString &service);
     /** Sets `memory` to the size in the "VmSize:" line of a process status file, if there is one. */
