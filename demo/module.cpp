@@ -10,6 +10,12 @@
 #include <QStringList>
 
 #include <cstdio>
+#include <unistd.h>
+
+static QString serviceName()
+{
+    return QLatin1String("com.qel.zarn5.") + QCoreApplication::applicationName();
+}
 
 // Log levels: 0 debug, 1 warning, 2 error, 3 and 4 trace, 5 info.
 static void publishLog(uint level, const QString &text)
@@ -59,10 +65,12 @@ public slots:
                            .arg(report[i], report[i + 1], report[i + 2]));
     }
 
+    // Ends within the call: at shutdown SIGKILL follows the last answer.
     void quit()
     {
         publishLog(5, QLatin1String("told to quit"));
-        QCoreApplication::quit();
+        QDBusConnection::sessionBus().unregisterService(serviceName()); // goes behind the line
+        _exit(0);
     }
 };
 
@@ -108,8 +116,7 @@ int main(int argc, char **argv)
         new UartinterfaceAdaptor(&application);
     // The object first, the service last: keepwatch calls as soon as it sees the service.
     QDBusConnection bus = QDBusConnection::sessionBus();
-    if (!bus.registerObject(QLatin1String("/"), &application)
-        || !bus.registerService(QLatin1String("com.qel.zarn5.") + name)) {
+    if (!bus.registerObject(QLatin1String("/"), &application) || !bus.registerService(serviceName())) {
         fprintf(stderr, "cannot take the service: %s\n", qPrintable(bus.lastError().message()));
         return 1;
     }

@@ -1,0 +1,40 @@
+# What is installed where, and the Debian package.
+include(GNUInstallDirs)
+set(CMAKE_INSTALL_DEFAULT_DIRECTORY_PERMISSIONS
+  OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ GROUP_EXECUTE WORLD_READ WORLD_EXECUTE)
+
+# The time stamp inside would make every build a different package: -n leaves it out.
+function(install_gzipped file directory)
+  get_filename_component(name ${file} NAME)
+  add_custom_command(OUTPUT ${name}.gz
+    COMMAND gzip -9nc ${CMAKE_CURRENT_SOURCE_DIR}/${file} > ${name}.gz
+    DEPENDS ${file} VERBATIM)
+  add_custom_target(${name}.packed ALL DEPENDS ${name}.gz)
+  install(FILES ${CMAKE_CURRENT_BINARY_DIR}/${name}.gz DESTINATION ${directory})
+endfunction()
+
+install(TARGETS keepwatch RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+install(FILES packaging/keepwatch.service DESTINATION lib/systemd/user)
+install_gzipped(packaging/keepwatch.8 ${CMAKE_INSTALL_MANDIR}/man8)
+install_gzipped(packaging/keepwatch.conf.5 ${CMAKE_INSTALL_MANDIR}/man5)
+install_gzipped(packaging/changelog ${CMAKE_INSTALL_DOCDIR})
+install(FILES README.md doc/module.xml packaging/copyright DESTINATION ${CMAKE_INSTALL_DOCDIR})
+install(DIRECTORY doc/examples DESTINATION ${CMAKE_INSTALL_DOCDIR})
+install(DIRECTORY packaging/rsyslog DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples
+  FILES_MATCHING PATTERN "*.conf")
+install(PROGRAMS packaging/busybox-init DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples)
+
+set(CPACK_GENERATOR DEB)
+set(CPACK_STRIP_FILES ON)
+set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
+set(CPACK_DEBIAN_PACKAGE_MAINTAINER "keepwatch maintainers <keepwatch@keepwatch.invalid>")
+set(CPACK_DEBIAN_PACKAGE_SECTION admin)
+set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
+# pgrep and kill; and a session bus, be it one started by hand with dbus-run-session.
+set(CPACK_DEBIAN_PACKAGE_DEPENDS
+  "procps, default-dbus-session-bus | dbus-session-bus | dbus-daemon")
+set(CPACK_DEBIAN_PACKAGE_DESCRIPTION "module supervisor and log collector for a device
+keepwatch starts the programs of an embedded device, waits for their D-Bus
+services, tells them to run, and relaunches whatever ends. It is also the one
+place where all their log lines end.")
+include(CPack)
