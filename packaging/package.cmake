@@ -18,10 +18,10 @@ install(FILES packaging/keepwatch.service DESTINATION lib/systemd/user)
 install_gzipped(packaging/keepwatch.8 ${CMAKE_INSTALL_MANDIR}/man8)
 install_gzipped(packaging/keepwatch.conf.5 ${CMAKE_INSTALL_MANDIR}/man5)
 install_gzipped(packaging/changelog ${CMAKE_INSTALL_DOCDIR})
-install(FILES README.md doc/module.xml packaging/copyright DESTINATION ${CMAKE_INSTALL_DOCDIR})
+install(FILES README.md doc/modules.md doc/module.xml packaging/copyright DESTINATION ${CMAKE_INSTALL_DOCDIR})
 install(DIRECTORY doc/examples DESTINATION ${CMAKE_INSTALL_DOCDIR})
 install(DIRECTORY packaging/rsyslog DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples
-  FILES_MATCHING PATTERN "*.conf")
+  FILES_MATCHING PATTERN "*.conf" PATTERN "README.md")
 install(PROGRAMS packaging/busybox-init DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples)
 
 set(CPACK_GENERATOR DEB)
