@@ -116,20 +116,23 @@ static void append(QFile *file, const QByteArray &text)
 {
     if (!file || !file->isOpen())
         return;
+    const int descriptor = file->handle();
     int done = 0;
     while (done < text.size()) {
-        const ssize_t written = write(file->handle(), text.constData() + done, text.size() - done);
+        const ssize_t written = write(descriptor, text.constData() + done, text.size() - done);
         if (written < 0 && errno == EINTR)
             continue;
         if (written <= 0)
-            break;
+            return;
         done += written;
+        // Less than all of it: the disk is full, or it is a pipe, which goes on after a signal.
+        const off_t start = done < text.size() ? lseek(descriptor, -done, SEEK_CUR) : -1;
+        if (start >= 0) {
+            const int ignored = ftruncate(descriptor, start);
+            Q_UNUSED(ignored)
+            return;
+        }
     }
-    if (done == 0 || done == text.size())
-        return;
-    const off_t start = lseek(file->handle(), -done, SEEK_CUR);
-    if (start < 0 || ftruncate(file->handle(), start) != 0)
-        return; // a pipe: what it took cannot be taken back
 }
 
 static bool isAscii(const QByteArray &text)
