@@ -173,6 +173,12 @@ private slots:
         QVERIFY(read("log").endsWith(
             "\n[00000] ++ \n[00000] WW \xc3\xbc\n[00000] EE \xc3\xbc\n[00000] -> \xc3\xbc\n"
             "[00000] <- \xc3\xbc\n[00000]    \xc3\xbc\n"));
+        for (const QString &text :
+             { QString(QChar(0xfeff)) + "x", QString(QChar(0xd800)), QString("a\u20ac") + QChar() + "b" }) {
+            const QString line = QString().sprintf("[%05i] EE %s\n", 0, text.toLocal8Bit().constData());
+            sink->onMessage(2, text);
+            QVERIFY2(read("log").endsWith('\n' + line.toLocal8Bit()), qPrintable(line));
+        }
         sink->onTelegrams("a");
         sink->onTelegrams(QChar(0xfc));
         QCOMPARE(read("telegrams"), QByteArray("a\xc3\xbc"));
@@ -225,6 +231,7 @@ private slots:
             sink->onMessage(1, QString(200, 'x'));
         QVERIFY(mallinfo2().uordblks < before + 100000);
         sink->onMessage(1, "fits too");
+        QVERIFY(read("log").endsWith("WW fits too\n")); // nothing is left of the half that found room
         limit.rlim_cur = RLIM_INFINITY;
         setrlimit(RLIMIT_FSIZE, &limit);
         sink->onMessage(1, QString(100, 'y'));
@@ -277,6 +284,10 @@ private slots:
         QCOMPARE(log(), QString("WW file none does not exist"));
         const Module *module = dog->modules[0];
         QCOMPARE(module->path, folder->path() + "/zarn5_uartinterface");
+        const QList<const QTimer *> timers
+            = { &module->crashCountTimer, &dog->statusTimer, &dog->cyclicTimer };
+        for (const QTimer *timer : timers)
+            QCOMPARE(timer->timerType(), Qt::PreciseTimer);
         QVERIFY(!module->start && module->wait && !dog->statusModule && module->service.isEmpty());
         write(QSettings().fileName(),
               QByteArray("[gui\n\xff\0[uartinterface]\n=\nwait=@Variant(\\0)\n%%", 46));
@@ -324,7 +335,9 @@ private slots:
             QVERIFY(!dog->modules[0]->process && running && dog->state == state);
             QFile::setPermissions("zarn5_gui", QFile::Permissions(0x7755));
             dog->modules[0]->crashCount = 3;
+            dog->modules[0]->outputBytes = 100000;
             dog->onCyclicTimer();
+            QCOMPARE(dog->modules[0]->outputBytes, quint64(0));
             QCOMPARE(dog->modules[0]->process->arguments(), QStringList("3"));
             QVERIFY(dog->modules[1]->process == running && dog->state == state + 1);
             QCOMPARE(dog->cyclicTimer.interval(), 5000);
@@ -377,13 +390,15 @@ private slots:
             QCOMPARE(dog->cyclicTimer.interval(), 77);
 
             for (bool lost : { true, false }) {
-                const Module *module = launch(state);
+                Module *module = launch(state);
+                module->crashCountTimer.stop();
                 lost ? dog->onServiceUnregistered("com.qel.zarn5.gui") : module->process->kill();
                 const bool ends = !lost || !expected, counts = ends && state < 7;
                 QTRY_COMPARE(!module->process, ends);
                 QCOMPARE(dog->state, counts ? quint32(Pausing) : state);
                 QCOMPARE(dog->cyclicTimer.interval(), counts ? 0 : 77);
                 QCOMPARE(module->crashCount, int(counts));
+                QCOMPARE(module->crashCountTimer.isActive(), counts);
             }
         }
         QCOMPARE(log().count("EE \"zarn5_gui\" crashed"), 16);

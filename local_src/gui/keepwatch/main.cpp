@@ -8,7 +8,6 @@
 #include <QDBusConnection>
 #include <QDateTime>
 #include <QFileInfo>
-#include <QProcess>
 #include <QSettings>
 #include <QSocketNotifier>
 #include <QTextCodec>
@@ -103,7 +102,7 @@ void messageHandler(QtMsgType type, const char *msg)
     }
 }
 
-QStringList findProcesses(const QString &name, QProcess *process)
+QStringList findProcesses(const QString &name, ChildProcess *process)
 {
     process->start(QLatin1String("pgrep"), QStringList(name));
     QString output;
@@ -136,8 +135,21 @@ static void sigintHandler(int signal)
     errno = error;
 }
 
+// Started without them, the first file or socket to be opened would take the place of standard output.
+static void openStandardStreams()
+{
+    int descriptor;
+    do
+        descriptor = open("/dev/null", O_RDWR);
+    while (descriptor >= 0 && descriptor <= STDERR_FILENO);
+    close(descriptor);
+}
+
 int main(int argc, char **argv)
 {
+    openStandardStreams();
+    signal(SIGPIPE, SIG_IGN); // where nobody reads, a line is lost as on a full disk
+
     QCoreApplication::setOrganizationName(QLatin1String("zarn5"));
     QCoreApplication::setOrganizationDomain(QLatin1String("zarn5.qel.com"));
     QCoreApplication::setApplicationName(QLatin1String("keepwatch"));
@@ -152,7 +164,7 @@ int main(int argc, char **argv)
     if (qstrcmp(setlocale(LC_CTYPE, 0), "C") == 0)
         QTextCodec::setCodecForLocale(QTextCodec::codecForName("UTF-8"));
 
-    QProcess guard;
+    ChildProcess guard;
     const QString name = QFileInfo(QString::fromLatin1(argv[0])).completeBaseName();
     if (findProcesses(name, &guard).size() >= 2) { // this process is one of them
         const char refusal[] = "an instance of this keepwatch tool is already running. abort.\n";

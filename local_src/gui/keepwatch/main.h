@@ -4,12 +4,11 @@
 #define MAIN_H
 
 #include <QByteArray>
+#include <QProcess>
 #include <QString>
 #include <QStringList>
 #include <QTimer>
 #include <QtGlobal>
-
-class QProcess;
 
 /** A log statement: "logWarning() << item << item;". Every item is followed by one blank. */
 #define logInfo() LogStatement(QtDebugMsg, tagOfPlace("NODEBUG:%1,%2:"))
@@ -60,11 +59,19 @@ extern bool suppressDebug;
 void messageHandler(QtMsgType type, const char *msg);
 
 /**
+ * A child process. A subclass, since for a plain QProcess Qt 5.15 clones in a way that takes a failure
+ * for a process with the id -1: its kill() then kills every process there is.
+ */
+class ChildProcess : public QProcess
+{
+};
+
+/**
  * Runs "pgrep name" and returns the ids that it prints, in order; an empty list if it cannot be
  * started. Blocks until pgrep has ended or said nothing for 30000 ms. `process` is the caller's,
  * since a pgrep that hangs must live on: destroying it here would be a message of its own.
  */
-QStringList findProcesses(const QString &name, QProcess *process);
+QStringList findProcesses(const QString &name, ChildProcess *process);
 
 // Qt 4 and Qt 5 part ways only here.
 #if QT_VERSION >= 0x050000

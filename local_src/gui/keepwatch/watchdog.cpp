@@ -274,7 +274,7 @@ void Watchdog::release()
 bool Watchdog::launchModule(Module *module, const char *wording)
 {
     const QByteArray baseName = QFileInfo(module->path).baseName().toLocal8Bit();
-    QProcess *process = new QProcess;
+    QProcess *process = new ChildProcess;
     module->process = process;
     process->setProcessChannelMode(QProcess::MergedChannels);
     module->outputBytes = 0;
@@ -320,10 +320,10 @@ void Watchdog::killUnresponsive(Module *module)
     if (baseName.isEmpty()) // a hidden file or a path that ends in a slash
         return; // pgrep would find all processes
     const QByteArray name = baseName.toLocal8Bit();
-    QProcess pgrep;
+    ChildProcess pgrep;
     for (const QString &id : findProcesses(baseName.left(processNameLength), &pgrep)) {
         logWarning() << "have to kill unresponsive process" << name.constData();
-        QProcess kill;
+        ChildProcess kill;
         kill.start(QLatin1String("kill"), QStringList() << QLatin1String("-9") << id);
         if (!kill.waitForFinished(300))
             logError() << "unable to kill process" << name.constData();
@@ -409,8 +409,6 @@ void Watchdog::onProcessFinished(int exitCode, QProcess::ExitStatus exitStatus)
 
 void Watchdog::serveLoss(const QString &service)
 {
-    if (!isServiceName(service))
-        return;
     // By now the bus daemon can see that the module is gone, but it may have more to read first.
     QDBusConnectionInterface *bus = QDBusConnection::sessionBus().interface();
     for (int question = 0; bus && question < 100; ++question) {
