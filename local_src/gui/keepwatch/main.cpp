@@ -24,6 +24,8 @@
 bool suppressTrace;
 bool suppressDebug;
 
+static bool isBatch;
+
 // Never closed: a signal may come until the very end of the process.
 static int quitPipe[2] = { -1, -1 };
 
@@ -111,17 +113,19 @@ QStringList findProcesses(const QString &name, ChildProcess *process)
     return output.split(QLatin1Char('\n'), QString::SkipEmptyParts);
 }
 
-// Qt 5 reads the bus in a thread, which inherits the scheduling of this one. As a batch thread it takes the
-// core from nobody at each line, and finds several at a time.
-static QDBusConnection connectToBus()
+// A storm of log lines wakes this process at every line. As a batch process it takes the core from nobody
+// then, and finds several lines at a time. Not where somebody else has chosen.
+static void becomeBatch()
 {
     const sched_param unused = sched_param();
-    const bool batch
-        = sched_getscheduler(0) == SCHED_OTHER && sched_setscheduler(0, SCHED_BATCH, &unused) == 0;
-    const QDBusConnection bus = QDBusConnection::sessionBus();
-    if (batch)
+    isBatch = sched_getscheduler(0) == SCHED_OTHER && sched_setscheduler(0, SCHED_BATCH, &unused) == 0;
+}
+
+void ChildProcess::setupChildProcess()
+{
+    const sched_param unused = sched_param();
+    if (isBatch)
         sched_setscheduler(0, SCHED_OTHER, &unused);
-    return bus;
 }
 
 // Only the write is safe in a signal handler; the event loop finds the byte and quits.
@@ -149,6 +153,7 @@ int main(int argc, char **argv)
 {
     openStandardStreams();
     signal(SIGPIPE, SIG_IGN); // where nobody reads, a line is lost as on a full disk
+    becomeBatch();
 
     QCoreApplication::setOrganizationName(QLatin1String("zarn5"));
     QCoreApplication::setOrganizationDomain(QLatin1String("zarn5.qel.com"));
@@ -177,7 +182,7 @@ int main(int argc, char **argv)
     suppressDebug = settings.value(QLatin1String("logging/debug"), 1).toInt() != 0;
     suppressTrace = settings.value(QLatin1String("logging/trace"), 1).toInt() != 0;
 
-    QDBusConnection bus = connectToBus();
+    QDBusConnection bus = QDBusConnection::sessionBus();
     if (glibUnset)
         unsetenv("QT_NO_GLIB");
     if (!bus.isConnected())

@@ -59,11 +59,14 @@ extern bool suppressDebug;
 void messageHandler(QtMsgType type, const char *msg);
 
 /**
- * A child process. A subclass, since for a plain QProcess Qt 5.15 clones in a way that takes a failure
- * for a process with the id -1: its kill() then kills every process there is.
+ * A child process, with the scheduling that keepwatch was started with. A subclass in any case, since for
+ * a plain QProcess Qt 5.15 clones in a way that takes a failure for a process with the id -1: its kill()
+ * then kills every process there is.
  */
 class ChildProcess : public QProcess
 {
+protected:
+    void setupChildProcess();
 };
 
 /**
