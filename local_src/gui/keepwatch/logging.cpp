@@ -10,8 +10,10 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <cstring>
 #include <syslog.h>
 #include <unistd.h>
+#include <utility>
 
 QFile *Logging::telegramFile;
 QFile *Logging::logFile;
@@ -37,27 +39,37 @@ static const struct
 static const QLatin1String stampFormat("yyyy-MM-dd hh:mm:ss.zzz");
 
 // Date texts would be most of the cost of a line. But within a minute only the digits behind
-// "yyyy-MM-dd hh:mm:" change, so the library is asked once a minute.
-static thread_local struct
+// "yyyy-MM-dd hh:mm:" change, so the library is asked once a minute. Two are kept: one source of lines may
+// have another clock. Plain data, since messages still come when statics and thread locals are gone.
+struct Minute
 {
-    QString text; // the first 17 characters of its stamps
+    QChar text[17]; // the first characters of its stamps
     qint64 start; // ms since the epoch
     bool plain; // stamps are text, seconds and milliseconds; else each is left to the library
-} minute;
+};
+static thread_local Minute minutes[2]; // the current one first
 
-// Makes the minute of `stamp` the current one; true if it is plain.
+static bool isCurrentMinute(const QString &stamp)
+{
+    return memcmp(stamp.constData(), minutes[0].text, sizeof minutes[0].text) == 0;
+}
+
+// Makes the minute of `stamp`, which has 23 characters, the current one; true if it is plain.
 static bool enterMinute(const QString &stamp)
 {
-    if (!minute.text.isEmpty() && stamp.startsWith(minute.text))
-        return minute.plain;
-    minute.text = stamp.left(17);
-    const QString start = minute.text + QLatin1String("00.000");
-    const QDateTime first = QDateTime::fromString(start, stampFormat);
-    const QDateTime last = QDateTime::fromString(minute.text + QLatin1String("59.999"), stampFormat);
-    minute.start = first.toMSecsSinceEpoch();
-    // No odd digits, no 24:00, no clock change in between.
-    minute.plain = first.toString(stampFormat) == start && last.toMSecsSinceEpoch() == minute.start + 59999;
-    return minute.plain;
+    if (isCurrentMinute(stamp))
+        return minutes[0].plain;
+    std::swap(minutes[0], minutes[1]);
+    if (isCurrentMinute(stamp))
+        return minutes[0].plain;
+    memcpy(minutes[0].text, stamp.constData(), sizeof minutes[0].text);
+    const QString first = stamp.left(17) + QLatin1String("00.000");
+    const QString last = stamp.left(17) + QLatin1String("59.999");
+    minutes[0].start = QDateTime::fromString(first, stampFormat).toMSecsSinceEpoch();
+    // No odd digits, no 24:00, no time that a clock change skips or that one comes amid.
+    minutes[0].plain = QDateTime::fromMSecsSinceEpoch(minutes[0].start).toString(stampFormat) == first
+        && QDateTime::fromString(last, stampFormat).toMSecsSinceEpoch() == minutes[0].start + 59999;
+    return minutes[0].plain;
 }
 
 // The number that `count` digits stand for; -1 if one is no digit.
@@ -74,14 +86,15 @@ static int readDigits(const QChar *digits, int count)
 
 QString writeStamp(qint64 time)
 {
-    const qint64 rest = time - minute.start;
-    if (minute.plain && rest >= 0 && rest < 60000) {
+    const qint64 rest = time - minutes[0].start;
+    if (minutes[0].plain && rest >= 0 && rest < 60000) {
         char digits[16];
         qsnprintf(digits, sizeof digits, "%02d.%03d", int(rest / 1000), int(rest % 1000));
-        return minute.text + QLatin1String(digits);
+        return QString(minutes[0].text, 17) + QLatin1String(digits);
     }
     const QString stamp = QDateTime::fromMSecsSinceEpoch(time).toString(stampFormat);
-    enterMinute(stamp);
+    if (stamp.size() == 23)
+        enterMinute(stamp);
     return stamp;
 }
 
@@ -91,7 +104,7 @@ bool readStamp(const QString &stamp, qint64 *time)
         const int seconds = readDigits(stamp.constData() + 17, 2);
         const int ms = readDigits(stamp.constData() + 20, 3);
         if (seconds >= 0 && seconds < 60 && ms >= 0 && enterMinute(stamp)) {
-            *time = minute.start + seconds * 1000 + ms;
+            *time = minutes[0].start + seconds * 1000 + ms;
             return true;
         }
     }
