@@ -6,17 +6,18 @@
 #include <QDateTime>
 #include <QFile>
 #include <QSettings>
+#include <QTextStream>
 #include <QThread>
 
-#include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <syslog.h>
-#include <unistd.h>
 #include <utility>
 
 QFile *Logging::telegramFile;
 QFile *Logging::logFile;
+QTextStream *Logging::logStream;
+QTextStream *Logging::telegramStream;
 Logging *Logging::instance;
 bool Logging::closed;
 QMutex Logging::mutex;
@@ -114,38 +115,24 @@ bool readStamp(const QString &stamp, qint64 *time)
 }
 
 // A file that cannot be opened stays closed, and what is written to it is lost.
-static QFile *openFile(const QString &path)
+static void openFile(const QString &path, QFile **file, QTextStream **stream)
 {
     if (path.isEmpty())
-        return 0;
-    QFile *file = new QFile(path);
-    file->open(QIODevice::WriteOnly | QIODevice::Truncate);
-    return file;
+        return;
+    *file = new QFile(path);
+    *stream = new QTextStream(*file);
+    (*file)->open(QIODevice::WriteOnly | QIODevice::Truncate);
 }
 
-// The whole text or nothing of it. The buffers of QTextStream and QFile would keep what finds no
-// room on the disk, growing without end and never writing again.
-static void append(QFile *file, const QByteArray &text)
+// What a text that finds no room leaves behind, in the stream, must not hold up the next one. A line of
+// which a part found room stands in the file's own buffer, and is completed ahead of the next.
+static void write(const QFile *file, QTextStream *stream, const QString &text)
 {
-    if (!file || !file->isOpen())
+    if (!stream || !file->isOpen())
         return;
-    const int descriptor = file->handle();
-    int done = 0;
-    while (done < text.size()) {
-        const ssize_t written = write(descriptor, text.constData() + done, text.size() - done);
-        if (written < 0 && errno == EINTR)
-            continue;
-        if (written <= 0)
-            return;
-        done += written;
-        // Less than all of it: the disk is full, or it is a pipe, which goes on after a signal.
-        const off_t start = done < text.size() ? lseek(descriptor, -done, SEEK_CUR) : -1;
-        if (start >= 0) {
-            const int ignored = ftruncate(descriptor, start);
-            Q_UNUSED(ignored)
-            return;
-        }
-    }
+    stream->resetStatus();
+    *stream << text;
+    stream->flush();
 }
 
 static bool isAscii(const QByteArray &text)
@@ -154,6 +141,17 @@ static bool isAscii(const QByteArray &text)
     for (const char byte : text)
         bits |= byte;
     return !(bits & 0x80);
+}
+
+// ASCII reads the same to the C library, which is faster, and to Qt, which takes other bytes for UTF-8.
+static QString formatLine(const char *format, int delay, const QByteArray &message)
+{
+    if (!isAscii(message))
+        return QString().sprintf(format, delay, message.constData());
+    QByteArray text;
+    text.resize(message.size() + 32);
+    const int size = qsnprintf(text.data(), text.size(), format, delay, message.constData());
+    return QString::fromLatin1(text.constData(), size);
 }
 
 Logging::Logging()
@@ -166,8 +164,9 @@ Logging::Logging()
         closed = false;
     }
 
-    telegramFile = openFile(settings.value(QLatin1String("logging/telegramfile")).toString());
-    logFile = openFile(settings.value(QLatin1String("logging/logfile")).toString());
+    openFile(settings.value(QLatin1String("logging/telegramfile")).toString(), &telegramFile,
+             &telegramStream);
+    openFile(settings.value(QLatin1String("logging/logfile")).toString(), &logFile, &logStream);
 
     const QLatin1String off("false");
     useSyslog = settings.value(QLatin1String("logging/syslog"), off).toString() != off;
@@ -184,13 +183,20 @@ Logging::~Logging()
         instance = 0;
         closed = true;
     }
-    // What modules published while they were shut down still waits here.
-    QCoreApplication::sendPostedEvents(this, QEvent::MetaCall);
+    serveBus(QString()); // what modules published while they were shut down
 
-    delete telegramFile;
-    telegramFile = 0;
+    if (telegramFile)
+        telegramFile->close();
+    if (logFile)
+        logFile->close();
     delete logFile;
     logFile = 0;
+    delete logStream;
+    logStream = 0;
+    delete telegramFile;
+    telegramFile = 0;
+    delete telegramStream;
+    telegramStream = 0;
     if (useSyslog)
         closelog();
 }
@@ -226,28 +232,16 @@ void Logging::onMessage(uint level, QString message)
     const bool stamped = readStamp(message.mid(1, 23), &stamp);
     const int delay = stamped ? int(QDateTime::currentMSecsSinceEpoch() - stamp) : 0;
 
-    // ASCII reads the same to the C library and to Qt, which takes other bytes for UTF-8.
-    const char *const format = levels[level].format;
-    const QByteArray bytes = message.toLocal8Bit();
-    QByteArray text, utf8;
-    if (isAscii(bytes)) {
-        text.resize(bytes.size() + 32);
-        text.resize(qsnprintf(text.data(), text.size(), format, delay, bytes.constData()));
-        utf8 = text;
-    } else {
-        const QString line = QString().sprintf(format, delay, bytes.constData());
-        text = line.toLocal8Bit();
-        utf8 = line.toUtf8();
-    }
+    const QString text = formatLine(levels[level].format, delay, message.toLocal8Bit());
 
     if (useSyslog)
-        syslog(levels[level].priority, "%s", utf8.constData());
+        syslog(levels[level].priority, "%s", text.toUtf8().constData());
     else
-        fputs(text.constData(), stdout);
-    append(logFile, text);
+        fputs(text.toLocal8Bit().constData(), stdout);
+    write(logFile, logStream, text);
 }
 
 void Logging::onTelegrams(QString telegrams)
 {
-    append(telegramFile, telegrams.toLocal8Bit());
+    write(telegramFile, telegramStream, telegrams);
 }

@@ -7,6 +7,7 @@
 #include <QString>
 
 class QFile;
+class QTextStream;
 
 /** The stamp of a log line, "yyyy-MM-dd hh:mm:ss.zzz" in local time. `time`: ms since the epoch. */
 QString writeStamp(qint64 time);
@@ -16,8 +17,8 @@ bool readStamp(const QString &stamp, qint64 *time);
 
 /**
  * Writes log lines, with delay and level marker in front, to stdout or syslog and to the log file,
- * and telegrams to the telegram file. Owns both files. One object a process, on the main thread.
- * What cannot be written is lost without a report, and so is nothing that comes after it.
+ * and telegrams to the telegram file. Owns both files and their streams. One object a process, on the main
+ * thread. What finds no room on the disk is lost without a report; what comes after it is not.
  */
 class Logging : public QObject
 {
@@ -53,8 +54,11 @@ private:
 
     bool useSyslog;
 
-    static QFile *telegramFile; // null without a setting
-    static QFile *logFile; // null without a setting
+    // Null without a setting.
+    static QFile *telegramFile;
+    static QFile *logFile;
+    static QTextStream *logStream;
+    static QTextStream *telegramStream;
     static Logging *instance;
     static bool closed;
     static QMutex mutex; // guards instance and closed against threads other than the main one

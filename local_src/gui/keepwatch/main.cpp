@@ -5,7 +5,7 @@
 #include "watchdog.h"
 
 #include <QCoreApplication>
-#include <QDBusConnection>
+#include <QDBusConnectionInterface>
 #include <QDateTime>
 #include <QFileInfo>
 #include <QSettings>
@@ -13,10 +13,12 @@
 #include <QTextCodec>
 
 #include <cerrno>
+#include <climits>
 #include <clocale>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
+#include <dbus/dbus.h>
 #include <fcntl.h>
 #include <sched.h>
 #include <unistd.h>
@@ -113,6 +115,17 @@ QStringList findProcesses(const QString &name, ChildProcess *process)
     return output.split(QLatin1Char('\n'), QString::SkipEmptyParts);
 }
 
+void serveBus(const QString &service)
+{
+    QDBusConnectionInterface *bus = QDBusConnection::sessionBus().interface();
+    if (bus)
+        bus->setTimeout(1000);
+    for (int question = 0; bus && question < 100 && bus->isServiceRegistered(service); ++question) { }
+    // On Qt 4 the first round takes the messages apart, the second delivers them.
+    QCoreApplication::sendPostedEvents(0, QEvent::MetaCall);
+    QCoreApplication::sendPostedEvents(0, QEvent::MetaCall);
+}
+
 // A storm of log lines wakes this process at every line. As a batch process it takes the core from nobody
 // then, and finds several lines at a time. Not where somebody else has chosen.
 static void becomeBatch()
@@ -126,6 +139,7 @@ void ChildProcess::setupChildProcess()
     const sched_param unused = sched_param();
     if (isBatch)
         sched_setscheduler(0, SCHED_OTHER, &unused);
+    signal(SIGXFSZ, SIG_DFL); // the library does the same for SIGPIPE
 }
 
 // Only the write is safe in a signal handler; the event loop finds the byte and quits.
@@ -139,6 +153,17 @@ static void sigintHandler(int signal)
     errno = error;
 }
 
+// A parent may have left any of them blocked: without SIGCHLD no end is seen, without SIGINT none comes.
+static void setUpSignals()
+{
+    sigset_t none;
+    sigemptyset(&none);
+    sigprocmask(SIG_SETMASK, &none, 0);
+    // What nobody reads, or what a file may not grow by, is lost as on a full disk.
+    signal(SIGPIPE, SIG_IGN);
+    signal(SIGXFSZ, SIG_IGN);
+}
+
 // Started without them, the first file or socket to be opened would take the place of standard output.
 static void openStandardStreams()
 {
@@ -149,19 +174,23 @@ static void openStandardStreams()
     close(descriptor);
 }
 
+static void readFlags(const QSettings &settings)
+{
+    suppressDebug = settings.value(QLatin1String("logging/debug"), 1).toInt() != 0;
+    suppressTrace = settings.value(QLatin1String("logging/trace"), 1).toInt() != 0;
+}
+
 int main(int argc, char **argv)
 {
+    setUpSignals();
     openStandardStreams();
-    signal(SIGPIPE, SIG_IGN); // where nobody reads, a line is lost as on a full disk
     becomeBatch();
 
     QCoreApplication::setOrganizationName(QLatin1String("zarn5"));
     QCoreApplication::setOrganizationDomain(QLatin1String("zarn5.qel.com"));
     QCoreApplication::setApplicationName(QLatin1String("keepwatch"));
     qInstallMsgHandler(messageHandler);
-    // GLib's event loop is woken for each line that the bus thread passes on, Qt's own only while it
-    // sleeps. The variable is read where a thread starts, and is not for the modules to inherit.
-    const bool glibUnset = !getenv("QT_NO_GLIB") && setenv("QT_NO_GLIB", "1", 1) == 0;
+    passAllMessages();
     QCoreApplication application(argc, argv);
 
     // Many a device starts its daemons without a locale. Qt 4 takes that for an encoding that
@@ -179,25 +208,27 @@ int main(int argc, char **argv)
 
     Logging logging;
     QSettings settings;
-    suppressDebug = settings.value(QLatin1String("logging/debug"), 1).toInt() != 0;
-    suppressTrace = settings.value(QLatin1String("logging/trace"), 1).toInt() != 0;
+    readFlags(settings);
 
     QDBusConnection bus = QDBusConnection::sessionBus();
-    if (glibUnset)
-        unsetenv("QT_NO_GLIB");
     if (!bus.isConnected())
         qFatal("Cannot connect to the D-Bus session");
-    bus.connect(QString(), QString(), QLatin1String("com.qel.zarn5.log"), QLatin1String("log"), &logging,
-                SLOT(onMessage(uint, QString)));
+    // At its limit, 63 MB that wait to be handled, the bus library stops to read, and Qt 5 cannot make it
+    // go on, since it frees the messages on another thread.
+    dbus_connection_set_max_received_size(static_cast<DBusConnection *>(bus.internalPointer()), LONG_MAX);
+    // The signatures keep out what Qt would end the process over.
+    bus.connect(QString(), QString(), QLatin1String("com.qel.zarn5.log"), QLatin1String("log"),
+                QLatin1String("us"), &logging, SLOT(onMessage(uint, QString)));
     bus.connect(QString(), QString(), QLatin1String("com.qel.zarn5.busmon"), QLatin1String("busmon"),
-                &logging, SLOT(onTelegrams(QString)));
-
-    const QStringList modules = QStringList() << QLatin1String("gui") << QLatin1String("uartinterface");
-    Watchdog watchdog(modules, QLatin1String("gui"));
+                QLatin1String("s"), &logging, SLOT(onTelegrams(QString)));
 
     const bool piped = pipe2(quitPipe, O_CLOEXEC | O_NONBLOCK) == 0;
     QSocketNotifier quitNotifier(quitPipe[0], QSocketNotifier::Read);
     QObject::connect(&quitNotifier, SIGNAL(activated(int)), &application, SLOT(quit()));
+
+    const QStringList modules = QStringList() << QLatin1String("gui") << QLatin1String("uartinterface");
+    Watchdog watchdog(modules, QLatin1String("gui"));
+
     if (piped) // else SIGINT keeps its default effect
         signal(SIGINT, sigintHandler);
 

@@ -1,5 +1,5 @@
 // What every part of keepwatch shares: the log statement, the handler that it ends in, the pgrep
-// run, and all that differs between the versions of Qt.
+// run, the question to the bus, and all that differs between the versions of Qt.
 #ifndef MAIN_H
 #define MAIN_H
 
@@ -9,6 +9,9 @@
 #include <QStringList>
 #include <QTimer>
 #include <QtGlobal>
+#if QT_VERSION >= 0x050000
+#include <QLoggingCategory>
+#endif
 
 /** A log statement: "logWarning() << item << item;". Every item is followed by one blank. */
 #define logInfo() LogStatement(QtDebugMsg, tagOfPlace("NODEBUG:%1,%2:"))
@@ -59,9 +62,9 @@ extern bool suppressDebug;
 void messageHandler(QtMsgType type, const char *msg);
 
 /**
- * A child process, with the scheduling that keepwatch was started with. A subclass in any case, since for
- * a plain QProcess Qt 5.15 clones in a way that takes a failure for a process with the id -1: its kill()
- * then kills every process there is.
+ * A child process, without what keepwatch has chosen for itself: scheduling, ignored signals. A subclass in
+ * any case, since for a plain QProcess Qt 5.15 clones in a way that takes a failure for a process with the id
+ * -1: its kill() then kills every process there is.
  */
 class ChildProcess : public QProcess
 {
@@ -76,18 +79,35 @@ protected:
  */
 QStringList findProcesses(const QString &name, ChildProcess *process);
 
+/**
+ * Asks the bus until `service` has no owner (an empty name never has), 100 times at most, then serves all
+ * that came in ahead of the last answer, the loss of the service included. Any slot may run inside, so a
+ * caller touches nothing afterwards that one may change. A bus that hangs costs a second.
+ */
+void serveBus(const QString &service);
+
 // Qt 4 and Qt 5 part ways only here.
 #if QT_VERSION >= 0x050000
-/** The category keeps logging rules of the environment away: those drop messages of the default one. */
+/** Keeps logging rules of the environment away, which would drop lines. */
+inline void passAllMessages()
+{
+    QLoggingCategory::installFilter([](QLoggingCategory *category) {
+        // Debug messages of the library's own categories are off without a rule, too.
+        category->setEnabled(QtDebugMsg, qstrcmp(category->categoryName(), "default") == 0);
+        category->setEnabled(QtWarningMsg, true);
+        category->setEnabled(QtCriticalMsg, true);
+    });
+}
 inline void sendMessage(QtMsgType type, const QString &text)
 {
-    qt_message_output(type, QMessageLogContext(0, 0, 0, "keepwatch"), text);
+    qt_message_output(type, QMessageLogContext(), text);
 }
 inline void makePrecise(QTimer &timer)
 {
     timer.setTimerType(Qt::PreciseTimer);
 }
 #else
+inline void passAllMessages() { } // there are no rules
 inline void sendMessage(QtMsgType type, const QString &text)
 {
     qt_message_output(type, text.toLocal8Bit().constData());

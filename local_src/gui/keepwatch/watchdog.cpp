@@ -3,7 +3,7 @@
 #include "main.h"
 
 #include <QCoreApplication>
-#include <QDBusConnectionInterface>
+#include <QDBusConnection>
 #include <QDBusError>
 #include <QDBusInterface>
 #include <QFile>
@@ -152,9 +152,10 @@ void Watchdog::startupKill()
 void Watchdog::startupLaunch()
 {
     logInfo() << "startup 3/4 - starting processes for this session";
+    // The loss of a stale process, killed before, must not be taken for one of the new.
     for (const Module *module : modules) {
         if (module->start && !module->process)
-            serveLoss(module->service); // of a stale process, killed before
+            serveBus(module->service);
     }
     const bool launched = launchMissing("started");
     cyclicTimer.setInterval(waitMs);
@@ -404,20 +405,7 @@ void Watchdog::onProcessFinished(int exitCode, QProcess::ExitStatus exitStatus)
     logError() << name << "ended unexpectedly with exit status" << int(exitStatus);
     state = Pausing;
     cyclicTimer.setInterval(0);
-    serveLoss(module->service);
-}
-
-void Watchdog::serveLoss(const QString &service)
-{
-    // By now the bus daemon can see that the module is gone, but it may have more to read first.
-    QDBusConnectionInterface *bus = QDBusConnection::sessionBus().interface();
-    for (int question = 0; bus && question < 100; ++question) {
-        if (!bus->isServiceRegistered(service))
-            break;
-    }
-    // The report came ahead of the answer. The first round takes it apart, the second delivers it.
-    QCoreApplication::sendPostedEvents(0, QEvent::MetaCall);
-    QCoreApplication::sendPostedEvents(0, QEvent::MetaCall);
+    serveBus(module->service); // its loss must not come after the launch; other slots may run inside
 }
 
 void Watchdog::onCrashCountTimer()

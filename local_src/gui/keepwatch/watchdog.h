@@ -12,20 +12,6 @@
 
 class QDBusInterface;
 
-/** The states of the supervisor. The numbers are tested by range. */
-enum State {
-    StartupQuit = 0, ///< asks modules left from an earlier run to quit
-    StartupKill = 1, ///< drops the bus connections and removes stale processes
-    StartupLaunch = 2, ///< starts the modules' processes
-    StartupWait = 3, ///< waits for the required services, then releases the modules
-    Running = 4, ///< normal operation
-    Pausing = 5, ///< tells the modules to pause and relaunches missing processes
-    Reestablishing = 6, ///< waits for the required services, then releases the modules again
-    ShutdownQuit = 7, ///< asks the connected modules to quit
-    ShutdownKill = 8, ///< drops the bus connections and kills what is left
-    Down = 9 ///< nothing further
-};
-
 /** One supervised module. Lives as long as the Watchdog object, which owns it. */
 struct Module
 {
@@ -73,6 +59,20 @@ private slots:
 private:
     friend class InsideTest;
 
+    /** The states of the supervisor. The numbers are tested by range. */
+    enum State {
+        StartupQuit = 0, ///< asks modules left from an earlier run to quit
+        StartupKill = 1, ///< drops the bus connections and removes stale processes
+        StartupLaunch = 2, ///< starts the modules' processes
+        StartupWait = 3, ///< waits for the required services, then releases the modules
+        Running = 4, ///< normal operation
+        Pausing = 5, ///< tells the modules to pause and relaunches missing processes
+        Reestablishing = 6, ///< waits for the required services, then releases the modules again
+        ShutdownQuit = 7, ///< asks the connected modules to quit
+        ShutdownKill = 8, ///< drops the bus connections and kills what is left
+        Down = 9 ///< nothing further
+    };
+
     void readModules(const QStringList &modules);
 
     // One pass of the state machine each.
@@ -100,12 +100,6 @@ private:
     void connectModule(Module *module);
     void disconnectModule(Module *module);
 
-    /**
-     * Waits until the bus, too, has noticed the end of the owner of `service`, and serves its report.
-     * One that came after the launch would be read as a loss by the new process. Other slots may run
-     * inside: from StartupWait on a caller does nothing afterwards.
-     */
-    void serveLoss(const QString &service);
     /** Sets `memory` to the size in the "VmSize:" line of a process status file, if there is one. */
     static void readMemory(const QString &statusFile, QString *memory);
 
