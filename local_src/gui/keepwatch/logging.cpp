@@ -126,13 +126,14 @@ static void openFile(const QString &path, QFile **file, QTextStream **stream)
 
 // What a text that finds no room leaves behind, in the stream, must not hold up the next one. A line of
 // which a part found room stands in the file's own buffer, and is completed ahead of the next.
-static void write(const QFile *file, QTextStream *stream, const QString &text)
+static void write(QFile *file, QTextStream *stream, const QString &text)
 {
     if (!stream || !file->isOpen())
         return;
     stream->resetStatus();
     *stream << text;
     stream->flush();
+    file->flush(); // Qt 5 writes a block of the buffer at a time, and behind a full disk there are two
 }
 
 static bool isAscii(const QByteArray &text)
