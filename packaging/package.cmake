@@ -14,17 +14,21 @@ function(install_gzipped file directory)
 endfunction()
 
 install(TARGETS keepwatch RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
-install(PROGRAMS tools/zarn5-bus tools/zarn5-oldlog DESTINATION ${CMAKE_INSTALL_BINDIR})
+install(PROGRAMS tools/zarn5-bus tools/zarn5-oldlog tools/zarn5-plot tools/zarn5-state
+  DESTINATION ${CMAKE_INSTALL_BINDIR})
 install(FILES packaging/keepwatch.service DESTINATION lib/systemd/user)
 install(FILES packaging/dbus.service.d/keepwatch.conf DESTINATION lib/systemd/user/dbus.service.d)
 install_gzipped(packaging/keepwatch.8 ${CMAKE_INSTALL_MANDIR}/man8)
 install_gzipped(packaging/keepwatch.conf.5 ${CMAKE_INSTALL_MANDIR}/man5)
+install_gzipped(packaging/zarn5-state.8 ${CMAKE_INSTALL_MANDIR}/man8)
+install_gzipped(packaging/zarn5-plot.8 ${CMAKE_INSTALL_MANDIR}/man8)
 install_gzipped(packaging/changelog ${CMAKE_INSTALL_DOCDIR})
-install(FILES README.md doc/modules.md doc/module.xml packaging/copyright DESTINATION ${CMAKE_INSTALL_DOCDIR})
+install(FILES README.md doc/operating.md doc/modules.md doc/module.xml packaging/copyright DESTINATION ${CMAKE_INSTALL_DOCDIR})
 install(DIRECTORY doc/examples DESTINATION ${CMAKE_INSTALL_DOCDIR})
 install(DIRECTORY packaging/rsyslog DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples
   FILES_MATCHING PATTERN "*.conf" PATTERN "README.md")
-install(PROGRAMS packaging/busybox-init DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples)
+install(PROGRAMS packaging/busybox-init tools/backoff DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples)
+install(FILES tools/lnav.json DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples)
 
 set(CPACK_GENERATOR DEB)
 set(CPACK_STRIP_FILES ON)
@@ -35,6 +39,7 @@ set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
 # pgrep and kill; and a session bus, be it one started by hand with dbus-run-session.
 set(CPACK_DEBIAN_PACKAGE_DEPENDS
   "procps, default-dbus-session-bus | dbus-session-bus | dbus-daemon")
+set(CPACK_DEBIAN_PACKAGE_SUGGESTS "gnuplot-nox, lnav, runit")
 set(CPACK_DEBIAN_PACKAGE_DESCRIPTION "module supervisor and log collector for a device
 keepwatch starts the programs of an embedded device, waits for their D-Bus
 services, tells them to run, and relaunches whatever ends. It is also the one
