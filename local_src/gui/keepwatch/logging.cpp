@@ -93,7 +93,7 @@ QString writeStamp(qint64 time)
         qsnprintf(digits, sizeof digits, "%02d.%03d", int(rest / 1000), int(rest % 1000));
         return QString(minutes[0].text, 17) + QLatin1String(digits);
     }
-    const QString stamp = QDateTime::fromMSecsSinceEpoch(time).toString(stampFormat);
+    QString stamp = QDateTime::fromMSecsSinceEpoch(time).toString(stampFormat);
     if (stamp.size() == 23)
         enterMinute(stamp);
     return stamp;
@@ -105,7 +105,7 @@ bool readStamp(const QString &stamp, qint64 *time)
         const int seconds = readDigits(stamp.constData() + 17, 2);
         const int ms = readDigits(stamp.constData() + 20, 3);
         if (seconds >= 0 && seconds < 60 && ms >= 0 && enterMinute(stamp)) {
-            *time = minutes[0].start + seconds * 1000 + ms;
+            *time = minutes[0].start + qint64(seconds) * 1000 + ms;
             return true;
         }
     }
@@ -138,10 +138,10 @@ static void write(QFile *file, QTextStream *stream, const QString &text)
 
 static bool isAscii(const QByteArray &text)
 {
-    char bits = 0;
+    int bits = 0;
     for (const char byte : text)
         bits |= byte;
-    return !(bits & 0x80);
+    return (bits & 0x80) == 0;
 }
 
 // ASCII reads the same to the C library, which is faster, and to Qt, which takes other bytes for UTF-8.
