@@ -28,7 +28,8 @@ install(FILES README.md doc/operating.md doc/modules.md doc/module.xml packaging
 install(DIRECTORY doc/examples DESTINATION ${CMAKE_INSTALL_DOCDIR})
 install(DIRECTORY packaging/rsyslog DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples
   FILES_MATCHING PATTERN "*.conf" PATTERN "README.md")
-install(PROGRAMS packaging/busybox-init tools/backoff DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples)
+install(PROGRAMS packaging/busybox-init tools/backoff tools/zarn5-module-check
+  DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples)
 install(FILES tools/lnav.json DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples)
 
 set(CPACK_GENERATOR DEB)
