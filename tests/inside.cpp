@@ -10,23 +10,18 @@
 #include <QTest>
 #include <QThread>
 
-#include <cstdarg>
 #include <sys/resource.h>
 #include <sys/wait.h>
-#include <syslog.h>
 
 // Stand in for the C library's, which nobody would hear here.
 static QByteArray heard;
-void openlog(const char *name, int option, int facility)
+extern "C" void openlog(const char *name, int option, int facility)
 {
     heard += name + QString(" %1 %2\n").arg(option).arg(facility).toLatin1();
 }
-void syslog(int priority, const char *format, ...)
+extern "C" void syslog(int priority, const char *, const char *text)
 {
-    va_list texts;
-    va_start(texts, format);
-    heard += QByteArray::number(priority) + va_arg(texts, const char *);
-    va_end(texts);
+    heard += QByteArray::number(priority) + text;
 }
 
 // Stands on the bus for all modules: answers every call and notes it ("gui run 0").
@@ -51,7 +46,6 @@ public:
 };
 
 #define WAIT_FOR(condition) QTRY_VERIFY_WITH_TIMEOUT(condition, 20000)
-#define VERIFY_LOG(condition) QVERIFY2(log().condition, qPrintable(log()))
 
 class InsideTest : public QObject
 {
@@ -63,7 +57,9 @@ class InsideTest : public QObject
     Recorder recorder;
     QDBusConnection bus = QDBusConnection::sessionBus();
     const QStringList names = { "gui", "uartinterface" };
-    const QString gui = "com.qel.zarn5.gui", uart = "com.qel.zarn5.uartinterface";
+    const QString gui = "com.qel.zarn5.gui";
+    QString transcript; // of the test, held against the file that is named after it
+    int noted; // characters of the log
 
     static QByteArray read(const QString &path)
     {
@@ -79,12 +75,42 @@ class InsideTest : public QObject
         file.write(text);
     }
 
-    // What the log holds behind its first line: level (II for info) and text, one blank for white space.
+    // What the log holds behind its first line: level (II for info) and text.
     static QString log()
     {
-        const QRegExp head("\\[[-0-9]+\\] (..) \\([-0-9: .]{23}\\) keepwatch      : ([a-z.]+ +, +\\d+:)?");
+        const QRegExp head("\\[[-0-9]+\\] (..) \\([-0-9: .]{23}\\) keepwatch      : ([a-z.]+ +, +\\d+: )?");
         const QString text = QString::fromUtf8(read("log")).section('\n', 1).replace("]    (", "] II (");
-        return QString(text).replace(head, "\\1 ").replace(QRegExp("pid \\d+"), "pid N").simplified();
+        return QString(text).replace(head, "\\1 ").replace(QRegExp("pid \\d+"), "pid N");
+    }
+
+    static QString describe(const QTimer &timer)
+    {
+        const bool plain = !timer.isSingleShot() && timer.timerType() == Qt::PreciseTimer;
+        return QString("%1 ms%2%3")
+            .arg(timer.interval())
+            .arg(timer.isActive() ? "" : " off", plain ? "" : "?");
+    }
+
+    // What was said and called since the last note, and how all stands then.
+    void note(const QString &title)
+    {
+        QTextStream out(&transcript);
+        out << "== " << title << '\n' << log().mid(noted);
+        noted = log().size();
+        for (const QString &call : recorder.calls)
+            out << "calls " << QString(call).replace(QRegExp("\\d+ kB"), "N kB") << '\n';
+        recorder.calls.clear();
+        out << "state " << dog->state << ", tick " << describe(dog->cyclicTimer) << ", report "
+            << describe(dog->statusTimer) << '\n';
+        for (const Module *module : dog->modules) {
+            out << QString(module->path).remove(folder->path()) << ' ' << module->service
+                << (module->start ? " started" : "") << (module->wait ? " awaited" : "")
+                << (module == dog->statusModule ? " reported to: " : ": ")
+                << (module->process ? "launched with " + module->process->arguments().join(' ')
+                                    : "no process")
+                << (module->interface ? ", connected, " : ", ") << module->outputBytes << " bytes, ends "
+                << module->crashCount << " in " << describe(module->crashCountTimer) << '\n';
+        }
     }
 
     // A table of two modules, on the bus or not, in `state`. The timer ticks for no test.
@@ -92,8 +118,10 @@ class InsideTest : public QObject
     {
         write("zarn5_gui", "#!/bin/sh\n" + command);
         write("zarn5_uartinterface", "#!/bin/sh\nexec sleep 1000");
-        for (const QString &service : { gui, uart })
+        for (const QString &name : names) {
+            const QString service = "com.qel.zarn5." + name;
             onBus ? bus.registerService(service) : bus.unregisterService(service);
+        }
         dog.reset(new Watchdog(names, "gui"));
         dog->cyclicTimer.stop();
         dog->cyclicTimer.setInterval(77);
@@ -101,6 +129,7 @@ class InsideTest : public QObject
             dog->connectModule(module);
         dog->state = state;
         recorder.calls.clear();
+        noted = log().size();
     }
 
     // The first of them launched.
@@ -138,6 +167,17 @@ private slots:
     {
         dog.reset();
         sink.reset();
+        recorder.calls.clear();
+        noted = 0;
+        const QStringList seen = transcript.split('\n');
+        transcript.clear();
+        if (QTest::currentTestFailed() || seen.size() < 2)
+            return;
+        const QString file = QFINDTESTDATA(QString("expected/%1.txt").arg(QTest::currentTestFunction()));
+        const QStringList expected = QString::fromUtf8(read(file)).split('\n');
+        for (int i = 0; i < qMax(seen.size(), expected.size()); ++i)
+            QVERIFY2(seen.value(i) == expected.value(i),
+                     qPrintable(QString("line %1: %2").arg(i + 1).arg(seen.value(i))));
     }
 
     void flagsDropOnlyDebugAndTrace()
@@ -154,12 +194,9 @@ private slots:
             messageHandler(QtWarningMsg, "-->:x");
             messageHandler(QtMsgType(4), "x");
         }
-        const QString rest("II NODEBUG:x WW -->:x "), trace("-> <- -->:x ");
-        QCOMPARE(log() + ' ', "++ nodebug:x " + trace + rest + "++ nodebug:x " + rest + trace + rest + rest);
         LogStatement(QtCriticalMsg, logTag("%1,%2:", "/a/longer-than-twenty-characters.cpp", 7))
             << "bare\xfc" << QString("say \"hi\"") << QByteArray("a\t\xff") << -1 << (qint64(1) << 40);
-        QVERIFY(read("log").endsWith("longer-than-twenty-c,    7: bare\xc3\x83\xc2\xbc \"say \"hi\"\" \"a\t"
-                                     "\xc3\x83\xc2\xbf\" -1 1099511627776 \n"));
+        transcript = log();
     }
 
     // The second sink empties the files of the first.
@@ -172,22 +209,16 @@ private slots:
         const QDateTime now = QDateTime::currentDateTime();
         for (int ahead : { 900, -1000000 })
             sink->onMessage(2, now.addMSecs(ahead).toString("(yyyy-MM-dd hh:mm:ss.zzz)"));
-        sink->onMessage(2, now.toString("(yyyy-MM-dd hh:mm:ss)"));
+        sink->onMessage(2, "(2026-11-25 05:51:23)");
         for (uint level = 0; level <= 6; ++level)
             sink->onMessage(level, level ? QString(QChar(0xfc)) : QString());
         sink->onMessage(2, QChar(0xfeff) + QString("\u20ac") + QChar() + "lost");
-        const QRegExp form(
-            "torvi 11 136\n6\\[0\\d{4}\\]    \\(S\\) keepwatch      : logging.cpp         , +\\d+: "
-            "\\*{8}starting new logging session\\*{8} \n3\\[-0\\d{3}\\] EE \\(S\\)\n"
-            "3\\[1000\\d{3}\\] EE \\(S\\)\n3\\[00000\\] EE \\([^S]{19}\\)\n"
-            "6\\[00000\\] \\+\\+ \n4\\[00000\\] WW \u00fc\n3\\[00000\\] EE \u00fc\n6\\[00000\\] -> \u00fc\n"
-            "6\\[00000\\] <- \u00fc\n6\\[00000\\]    \u00fc\n3\\[00000\\] EE \ufeff?\u20ac\n");
-        const QString text = QString::fromUtf8(heard);
-        QVERIFY2(form.exactMatch(QString(text).replace(QRegExp("\\(.{23}\\)"), "(S)")), heard);
-        QCOMPARE(QString::fromUtf8(read("log")), text.section('\n', 1).remove(QRegExp("\\d(?=\\[)")));
+        const QRegExp stamped("\\[(-?\\d+)\\d{3}\\](.{4})\\([-0-9: .]{23}\\)"), line("\\d+: ");
+        transcript = QString::fromUtf8(heard).replace(stamped, "[\\1xxx]\\2(S)").replace(line, "N: ");
+        QCOMPARE(read("log"), QString(heard).section('\n', 1).remove(QRegExp("\\d(?=\\[)")).toUtf8());
         sink->onTelegrams("a");
         sink->onTelegrams(QChar(0xfc));
-        QCOMPARE(read("telegrams"), QByteArray("a\xc3\xbc"));
+        transcript += QString::fromUtf8(read("telegrams"));
         fflush(stdout);
         QVERIFY(!read("out").contains("EE"));
     }
@@ -246,7 +277,7 @@ private slots:
         sendMessage(QtCriticalMsg, "main");
         sink.reset(); // serves what still waits
         messageHandler(QtCriticalMsg, "too late");
-        QCOMPARE(log(), QString("EE main WW 0 WW 1 WW 2 WW 3 WW 4 WW 5 WW 6 WW 7 WW 8"));
+        transcript = log();
 
         Logging::closed = false;
         if (fork() == 0) {
@@ -259,151 +290,110 @@ private slots:
         QVERIFY(fatal.indexIn(read("stderr")) == 0);
     }
 
-    void settingsAndTheirDefaults()
+    void settings()
     {
-        const auto table = [this] {
-            QString text;
-            for (const Module *module : dog->modules) {
-                const QTimer &timer = module->crashCountTimer;
-                text += QString("%1 %2 %3%4 %5")
-                            .arg(module->path.mid(folder->path().size()), module->service)
-                            .arg(module->start)
-                            .arg(module->wait)
-                            .arg(timer.interval())
-                    + (timer.isActive() ? "" : "stopped")
-                    + (module == dog->statusModule ? " status\n" : "\n");
-            }
-            return text;
-        };
         write("zarn5_gui", "");
         write("zarn5_uartinterface", "");
         write("odd", "[gui\n\xff[uartinterface]\n=\nwait @Variant(\\0)\n%%");
         QVERIFY(QFile::remove(QSettings().fileName()) && QFile::copy("odd", QSettings().fileName()));
         dog.reset(new Watchdog(names, "gui"));
-        QCOMPARE(table(),
-                 "/zarn5_gui " + gui + " 11 300000 status\n/zarn5_uartinterface " + uart + " 11 300000\n");
-        QCOMPARE(dog->serviceWatcher.watchedServices(), QStringList({ gui, uart }));
-        QVERIFY(dog->state == 0 && dog->cyclicTimer.isActive() && dog->cyclicTimer.interval() == 0);
-        QVERIFY(!dog->statusTimer.isActive() && dog->statusTimer.interval() == 60000);
-        for (const QTimer *timer :
-             { &dog->cyclicTimer, &dog->statusTimer, &dog->modules[1]->crashCountTimer })
-            QVERIFY(!timer->isSingleShot() && timer->timerType() == Qt::PreciseTimer);
-
-        QSettings().setValue("gui/path", "none");
-        for (const char *key : { "start", "wait" }) {
-            QSettings().setValue("uartinterface/start", 2);
-            QSettings().setValue("uartinterface/wait", -1);
-            QSettings().setValue(QString("uartinterface/") + key, "true");
-            QSettings().setValue("uartinterface/service", names); // a list is no text
+        note("defaults");
+        QCOMPARE(dog->serviceWatcher.watchedServices(), QStringList({ gui, "com.qel.zarn5.uartinterface" }));
+        for (const QVariant &value : QVariantList { 2, -1, 0, "true", "" }) {
+            QSettings().setValue("gui/path", value.toString() + "none");
+            QSettings().setValue("uartinterface/start", value);
+            QSettings().setValue("uartinterface/wait", value);
             dog.reset(new Watchdog(names, "gui"));
-            QCOMPARE(table(), QString("/zarn5_uartinterface  %1 300000\n").arg(*key == 's' ? "01" : "10"));
+            note('"' + value.toString() + '"');
         }
-        QCOMPARE(log(), QString("WW file none does not exist WW file none does not exist"));
-
-        // Asked for a name that is none, the bus library would end the process.
-        for (const QString &service :
-             { QString(), QString(".."), QString("1.2"), QString(":1.1"), QString("a.b'c"), QString("a.\xfc"),
-               QString("nodots"), "a." + QString(254, 'b') }) {
+        QSettings().setValue("uartinterface/wait", 1);
+        // Asked for a name that is none, the bus library would end the process. A list is no text.
+        for (const QVariant &service : QVariantList { "", "..", "1.2", ":1.1", "a.b'c", "a.\u00fc", "nodots",
+                                                      "a." + QString(254, 'b'), names }) {
             QSettings().setValue("uartinterface/service", service);
-            build(true, Watchdog::Running);
-            QVERIFY(!dog->modules[0]->interface);
+            dog.reset(new Watchdog(names, "gui"));
+            dog->onCyclicTimer();
+            QVERIFY(!dog->modules[0]->interface && dog->modules[0]->service == service.toString());
         }
     }
 
     void passes()
     {
-        enum Stage { Nothing = 0, OnBus = 1, NoWait = 2, NoLaunch = 4 };
-        const QString quit("gui quit,uartinterface quit"), pause("gui run 2,uartinterface run 2");
-        const QString run("gui run 0,uartinterface run 0,gui run 1,uartinterface run 1"),
-            mem(",not watched,0");
         const struct
         {
-            const char *name;
+            const char *title;
             quint32 state;
-            int stage;
-            QString calls;
-            quint32 next;
-            int interval; // 77 before
+            bool onBus, awaited, launchable;
         } rows[] = {
-            { "quit, nobody there", 0, Nothing, "", 1, 77 },
-            { "quit", 0, OnBus, quit, 1, 3000 },
-            { "kill", 1, OnBus, "", 2, 100 },
-            { "launch", 2, Nothing, "", 3, 5000 },
-            { "launch fails", 2, NoLaunch, "", 2, 5000 },
-            { "wait", 3, Nothing, "", 3, 77 },
-            { "wait for none", 3, NoWait, "", 4, 20000 },
-            { "wait, all there", 3, OnBus, run + ",gui updateKeepwatchInfo " + gui + mem + ',' + uart + mem,
-              4, 20000 },
-            { "running", 4, OnBus, "", 4, 77 },
-            { "pause", 5, OnBus, pause, 6, 5000 },
-            { "pause, launch fails", 5, OnBus | NoLaunch, pause, 5, 5000 },
-            { "reestablish", 6, Nothing, "", 6, 5000 },
-            { "reestablish, all there", 6, OnBus, run, 4, 20000 },
-            { "down", 9, OnBus, "", 9, 77 },
+            { "quit, nobody there", 0, false, true, true },
+            { "quit", 0, true, true, true },
+            { "kill", 1, true, true, true },
+            { "launch", 2, false, true, true },
+            { "launch fails", 2, false, true, false },
+            { "wait", 3, false, true, true },
+            { "wait for none", 3, false, false, true },
+            { "wait, all there", 3, true, true, true },
+            { "running", 4, true, true, true },
+            { "pause", 5, true, true, true },
+            { "pause, launch fails", 5, true, true, false },
+            { "reestablish", 6, false, true, true },
+            { "reestablish, all there", 6, true, true, true },
+            { "down", 9, true, true, true },
         };
         for (const auto &row : rows) {
-            build(row.stage & OnBus, row.state);
-            QFile::setPermissions("zarn5_gui", QFile::Permissions(row.stage & NoLaunch ? 0x4444 : 0x7755));
-            dog->modules[0]->wait = dog->modules[1]->wait = !(row.stage & NoWait);
+            build(row.onBus, row.state);
+            QFile::setPermissions("zarn5_gui", QFile::Permissions(row.launchable ? 0x7755 : 0x4444));
+            dog->modules[0]->wait = dog->modules[1]->wait = row.awaited;
+            dog->modules[0]->outputBytes = 9;
             dog->onCyclicTimer();
-            QVERIFY2(recorder.calls.join(',') == row.calls, row.name);
-            QVERIFY2(dog->state == row.next && dog->cyclicTimer.interval() == row.interval, row.name);
-            QVERIFY2(dog->statusTimer.isActive() == (row.state == 3 && row.next == 4), row.name);
-            QVERIFY2(bool(dog->modules[0]->interface) == (row.stage & OnBus && row.state != 1), row.name);
-            if (!(row.stage & NoLaunch))
+            note(row.title);
+            if (row.launchable)
                 continue;
             const QProcess *running = dog->modules[1]->process;
             QFile::setPermissions("zarn5_gui", QFile::Permissions(0x7755));
             dog->modules[0]->crashCount = 3;
-            dog->modules[0]->outputBytes = 100000;
             dog->onCyclicTimer();
-            QCOMPARE(dog->modules[0]->outputBytes, quint64(0));
-            QCOMPARE(dog->modules[0]->process->arguments(), QStringList("3"));
-            QVERIFY2(dog->modules[1]->process == running && dog->state == row.next + 1, row.name);
+            note("again");
+            QVERIFY(dog->modules[1]->process == running);
         }
     }
 
     void outputIsCutOffBehindTheLimit()
     {
-        const Module *module
-            = launch(false, Watchdog::Running,
-                     "w() { until [ -e $1 ]; do sleep 0.02; done; }; printf 'a\\n\\nb' >&2; w go; "
-                     "head -c 99996 /dev/zero | tr '\\0' x; w over; printf over; w more; echo lost; exit 3");
+        const Module *module = launch(
+            false, Watchdog::Running,
+            "w() { until [ -e $1 ]; do sleep 0.02; done; }; printf 'a\\n\\nb' >&2; w go; head -c 99996 /dev/"
+            "zero | tr '\\0' x; w over; printf 'over\\nlost'; w more; echo lost; exit 3");
         WAIT_FOR(module->outputBytes == 4);
-        const QString head("WW \"" + gui + "\" : \"");
-        VERIFY_LOG(endsWith("N " + head + "a \" " + head + " \" " + head + "b\""));
+        note("lines");
         write("go", "");
         WAIT_FOR(module->outputBytes == 100000);
-        QVERIFY(!log().contains("taliking"));
+        noted = log().size();
         write("over", "");
-        const QString cut(head + "over\" EE \"" + gui + "\" is taliking too much. Closing std-channels!");
-        WAIT_FOR(log().endsWith(cut));
+        WAIT_FOR(module->outputBytes > 100000);
+        note("above");
         write("more", "");
-        WAIT_FOR(log().endsWith(cut + " EE \"zarn5_gui\" ended unexpectedly with exit status 0"));
+        WAIT_FOR(!module->process);
+        note("end");
     }
 
     // One of the three that pgrep finds takes its time. Not asked for: what has no name or is not started.
-    void staleProcessesAreAskedForAndKilled()
+    void staleProcesses()
     {
         write("pgrep", "#!/bin/sh\necho pgrep \"$@\" >>asked; printf 1; sleep 0.1; printf '1\\n\\n22\\n33'");
-        write("kill", "#!/bin/sh\necho kill \"$@\" >>asked; [ $2 != 22 ] || exec sleep 1000");
+        write("kill", "#!/bin/sh\necho kill \"$@\" >>asked; [ $2 != 22 ] || exec sleep 1");
         const QByteArray path = qgetenv("PATH");
         qputenv("PATH", folder->path().toLocal8Bit() + ':' + path);
-        for (const QString name : { ".hidden", "off", "zarn5_uartinterface.v1.2" }) {
+        const QStringList files = { ".hidden", "off", "zarn5_uartinterface.v1.2" };
+        for (const QString &name : files) {
             write(name, "");
             QSettings().setValue(name + "/path", name);
         }
         QSettings().setValue("off/start", 0);
-        dog.reset(new Watchdog({ ".hidden", "off", "zarn5_uartinterface.v1.2" }, ""));
+        dog.reset(new Watchdog(files, ""));
         dog->startupKill();
         qputenv("PATH", path);
-        QCOMPARE(read("asked"), QByteArray("pgrep zarn5_uartinter\nkill -9 11\nkill -9 22\nkill -9 33\n"));
-        const QString kill(" WW have to kill unresponsive process zarn5_uartinterface");
-        QCOMPARE(log(),
-                 "II startup 2/4 - killing unresponsive processes" + kill + kill
-                     + " EE unable to kill process zarn5_uartinterface WW QProcess: Destroyed while process "
-                       "(\"kill\") is still running."
-                     + kill);
+        note(read("asked"));
     }
 
     void servicesComeAndGo()
@@ -415,95 +405,67 @@ private slots:
         dog->serviceWatcher.blockSignals(true);
         bus.unregisterService(gui);
         WAIT_FOR(!dog->modules[0]->interface->isValid());
-        dog->onCyclicTimer(); // calls nobody who has gone
-        QVERIFY(!dog->modules[0]->interface->lastError().isValid());
+        dog->onCyclicTimer();
+        QVERIFY(!dog->modules[0]->interface->lastError().isValid()); // was not called
+        note("gone");
         dog->onServiceRegistered(gui);
-        QVERIFY(!dog->modules[0]->interface);
-        VERIFY_LOG(endsWith(("services EE " + bus.lastError().message()).simplified()));
-
-        const Module *module = launch(false, Watchdog::ShutdownQuit);
-        const QPointer<QProcess> process = module->process;
-        dog->onServiceUnregistered(gui);
-        QVERIFY(module->process);
-        dog->state = Watchdog::Running;
-        dog->onServiceUnregistered(gui);
-        QVERIFY(!module->process && process && module->crashCount == 1 && dog->cyclicTimer.interval() == 0);
-    }
-
-    // In every state: the service of gui is lost, its process ends.
-    void lossAndEnd()
-    {
-        const QString crashed("EE \"zarn5_gui\" crashed "), ended(" \"zarn5_gui\" ended with exit status ");
-        const QString unexpected("EE \"zarn5_gui\" ended unexpectedly with exit status ");
-        const struct
-        {
-            quint32 state;
-            const char *end;
-            QString says;
-        } rows[] = {
-            { 0, "exit 0", unexpected + '0' },
-            { 1, "exit 0", unexpected + '0' },
-            { 2, "exit 0", unexpected + '0' },
-            { 3, "exit 3", unexpected + '0' },
-            { 4, "kill -9 $$", crashed + unexpected + '1' },
-            { 5, "exit 0", unexpected + '0' },
-            { 6, "exit 0", unexpected + '0' },
-            { 7, "exit 0", "II" + ended + '0' },
-            { 8, "exit 3", "WW" + ended + '0' },
-            { 9, "kill -9 $$", crashed + "WW" + ended + '1' },
-        };
-        for (const auto &row : rows) {
-            const bool closed = row.state <= 2 || row.state == 7, counts = row.state < 7;
-            build(true, row.state);
+        note("registered, but gone: " + bus.lastError().message());
+        for (quint32 state = 0; state <= 9; ++state) {
+            build(true, state);
             dog->onServiceUnregistered(gui);
-            VERIFY_LOG(endsWith(closed ? "II connection to " + gui + " was closed"
-                                       : "EE connection to " + gui + " was unexpectedly closed"));
-            QVERIFY(!dog->modules[0]->interface && dog->modules[1]->interface);
-            QCOMPARE(dog->state, closed ? row.state : quint32(Watchdog::Pausing));
-            QCOMPARE(dog->cyclicTimer.interval(), 77);
-
-            Module *module
-                = launch(true, row.state, QByteArray("until [ -e go ]; do sleep 0.02; done\n") + row.end);
-            Module *other = dog->modules[1];
-            const QPointer<QProcess> process = module->process;
-            module->crashCount = other->crashCount = 5;
-            module->crashCountTimer.stop();
-            write("go", "");
-            WAIT_FOR(!module->process && !process);
-            VERIFY_LOG(endsWith("N " + row.says));
-            QCOMPARE(dog->state, counts ? quint32(Watchdog::Pausing) : row.state);
-            QCOMPARE(dog->cyclicTimer.interval(), counts ? 0 : 77);
-            QVERIFY(module->crashCount == 5 + counts && module->crashCountTimer.isActive() == counts);
-            QVERIFY(!module->interface && other->interface);
-            QMetaObject::invokeMethod(&module->crashCountTimer, "timeout");
-            QVERIFY(module->crashCount == 0 && other->crashCount == 5 && QFile::remove("go"));
+            note(QString("lost in state %1").arg(state));
+        }
+        for (quint32 state : { 7, 4 }) {
+            const QPointer<QProcess> process = launch(true, state)->process;
+            dog->onServiceUnregistered(gui);
+            QVERIFY(process); // deleted, but not amid its own signal
+            note(QString("lost in state %1, with a process").arg(state));
         }
     }
 
-    // The bus notices an end late, and in the first case only once it has been asked for it. A launch
-    // under way then would take the loss for its own.
+    void ends()
+    {
+        const QByteArray commands[] = { "exit 3", "exit 3", "exit 0", "exit 0", "kill -9 $$",
+                                        "exit 0", "exit 0", "exit 0", "exit 3", "kill -9 $$" };
+        for (quint32 state = 0; state <= 9; ++state) {
+            Module *module = launch(true, state, "until [ -e go ]; do sleep 0.02; done\n" + commands[state]);
+            const QPointer<QProcess> process = module->process;
+            module->crashCount = dog->modules[1]->crashCount = 5;
+            module->crashCountTimer.stop();
+            write("go", "");
+            WAIT_FOR(!module->process && !process);
+            note(QString("%1 in state %2").arg(QString(commands[state])).arg(state));
+            QVERIFY(QFile::remove("go"));
+        }
+        for (const Module *module : { dog->modules[1], dog->modules[0] }) {
+            QMetaObject::invokeMethod(const_cast<QTimer *>(&module->crashCountTimer), "timeout");
+            note("a quiet time for " + module->service);
+        }
+    }
+
+    // The bus notices an end late. A launch under way then would take the loss for its own.
     void aLateLossIsServedAheadOfTheLaunch()
     {
         const QString module = QCoreApplication::applicationDirPath() + "/demo/zarn5_gui";
         const auto haltBus = [](const QString &command) {
             ::kill(qgetenv("BUS_PID").toInt(), SIGSTOP);
-            QProcess::startDetached("sh",
-                                    { "-c", "sleep 0.1; " + command + " sleep 0.1; kill -CONT $BUS_PID" });
+            const QString script("sleep 0.1; " + command + " sleep 0.1; kill -CONT $BUS_PID");
+            QProcess::startDetached("sh", { "-c", script });
         };
         build(false, Watchdog::StartupKill);
-        QProcess stale;
+        ChildProcess stale;
         stale.start(module, QStringList());
         WAIT_FOR(dog->modules[0]->interface);
         haltBus(QString("kill -9 %1;").arg(stale.processId()));
         dog->startupLaunch();
-        VERIFY_LOG(contains("this session II connection to " + gui + " was closed II started"));
-
+        note("at the start");
         Module *lost = launch(false, Watchdog::Running, "exec " + module.toLocal8Bit());
-        WAIT_FOR(lost->interface);
+        WAIT_FOR(lost->interface && lost->outputBytes);
+        note("again");
         haltBus(QString());
         lost->process->kill();
         QVERIFY(lost->process->waitForFinished());
-        VERIFY_LOG(endsWith("status 1 EE connection to " + gui + " was unexpectedly closed"));
+        note("after a crash");
     }
 
     void reportAndShutdown()
@@ -518,23 +480,14 @@ private slots:
         Module *module = launch(true, Watchdog::Reestablishing);
         module->crashCount = 2;
         dog->onStatusTimer();
-        QVERIFY(recorder.calls.isEmpty());
+        note("not yet");
         dog->state = Watchdog::Running;
         QMetaObject::invokeMethod(&dog->statusTimer, "timeout");
         dog->disconnectModule(dog->modules[1]);
         dog->onStatusTimer();
-        const QString report("gui updateKeepwatchInfo com\\.qel\\.zarn5\\.gui,\\d+ kB,2");
+        note("reports");
         dog->forceShutdown();
-        QVERIFY(
-            QRegExp(report + ",com\\.qel\\.zarn5\\.uartinterface,not watched,0\\|" + report + "\\|gui quit")
-                .exactMatch(recorder.calls.join("|")));
-        QVERIFY2(
-            log().endsWith("II shutdown 1/2 - shutting down modules II shutdown 2/2 - killing unresponsive "
-                           "processes EE \"zarn5_gui\" crashed WW \"zarn5_gui\" ended with exit status 1 "
-                           "II system was shutted down"),
-            qPrintable(log()));
-        QVERIFY(!module->process && !module->interface && dog->state == Watchdog::Down);
-        QCOMPARE(dog->cyclicTimer.interval(), 20000);
+        note("shutdown");
     }
 };
 
@@ -542,8 +495,7 @@ int main(int argc, char **argv)
 {
     QCoreApplication application(argc, argv);
     InsideTest test;
-    return QTest::qExec(&test,
-                        application.arguments() << "-o"
-                                                << "/dev/stderr,txt"); // stdout is the log's
+    const QStringList toStderr = { "-o", "/dev/stderr,txt" }; // standard output is the log's
+    return QTest::qExec(&test, application.arguments() + toStderr);
 }
 #include "inside.moc"

@@ -62,7 +62,7 @@ LogStatement &LogStatement::operator<<(const QString &text)
 
 LogStatement &LogStatement::operator<<(const QByteArray &bytes)
 {
-    return *this << QString::fromLatin1(bytes.constData(), bytes.size());
+    return *this << QString::fromLatin1(bytes.constData(), qMax(bytes.size(), 0));
 }
 
 LogStatement &LogStatement::operator<<(int number)
