@@ -12,9 +12,6 @@
 #include <QSettings>
 #include <QStringList>
 #include <QTextCodec>
-#if QT_VERSION >= 0x050000
-#include <QStandardPaths>
-#endif
 
 #include <cerrno>
 #include <clocale>
@@ -97,7 +94,7 @@ QVariant Settings::value(const QString &key, const QVariant &standard)
 {
     known << key;
     sections << key.section(QLatin1Char('/'), 0, 0);
-    const QVariant value = settings.value(key, standard);
+    QVariant value = settings.value(key, standard);
     const QString text = value.toString();
     if (value.type() == QVariant::StringList)
         fault(where(key), "\"%2\" is a list and reads as nothing; put double quotes around it",
@@ -126,7 +123,7 @@ QString Settings::where(const QString &key) const
 
 QString Settings::text(const QString &key, const QString &standard)
 {
-    const QString text = value(key, standard).toString();
+    QString text = value(key, standard).toString();
     const bool isPath = key.endsWith(QLatin1String("path")) || key.endsWith(QLatin1String("file"));
     QString shown = QLatin1Char('"') + text + QLatin1Char('"');
     if (isPath && !text.isEmpty() && QFileInfo(text).isRelative())
@@ -172,14 +169,15 @@ void Settings::findUnknown() const
 // All files in which the library looks for a key, in its order.
 static QStringList settingsFiles()
 {
-#if QT_VERSION >= 0x050000
-    const QStringList folders = QStandardPaths::standardLocations(QStandardPaths::GenericConfigLocation);
-#else
     // Nothing has settings by this name.
-    QStringList folders;
-    folders << QFileInfo(QSettings(QSettings::UserScope, QLatin1String("zarn5-check")).fileName()).path()
+    QStringList folders(
+        QFileInfo(QSettings(QSettings::UserScope, QLatin1String("zarn5-check")).fileName()).path());
+    const QString listed = QFile::decodeName(qgetenv("XDG_CONFIG_DIRS"));
+    if (listed.isEmpty())
+        folders
             << QFileInfo(QSettings(QSettings::SystemScope, QLatin1String("zarn5-check")).fileName()).path();
-#endif
+    else
+        folders << listed.split(QLatin1Char(':'), QString::SkipEmptyParts);
     const QLatin1String forUs("/zarn5/keepwatch.conf"), forAll("/zarn5.conf");
     QStringList files;
     files << folders.first() + forUs << folders.first() + forAll;
