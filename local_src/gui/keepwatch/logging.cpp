@@ -9,6 +9,7 @@
 #include <QTextStream>
 #include <QThread>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
 #include <syslog.h>
@@ -138,10 +139,7 @@ static void write(QFile *file, QTextStream *stream, const QString &text)
 
 static bool isAscii(const QByteArray &text)
 {
-    int bits = 0;
-    for (const char byte : text)
-        bits |= byte;
-    return (bits & 0x80) == 0;
+    return std::none_of(text.begin(), text.end(), [](char byte) { return byte & 0x80; });
 }
 
 // ASCII reads the same to the C library, which is faster, and to Qt, which takes other bytes for UTF-8.
@@ -188,9 +186,7 @@ Logging::~Logging()
 
     if (telegramFile)
         telegramFile->close();
-    if (logFile)
-        logFile->close();
-    delete logFile;
+    delete logFile; // which closes it
     logFile = 0;
     delete logStream;
     logStream = 0;

@@ -118,8 +118,6 @@ QStringList findProcesses(const QString &name, ChildProcess *process)
 void serveBus(const QString &service)
 {
     QDBusConnectionInterface *bus = QDBusConnection::sessionBus().interface();
-    if (bus)
-        bus->setTimeout(1000);
     for (int question = 0; bus && question < 100 && bus->isServiceRegistered(service); ++question) { }
     // On Qt 4 the first round takes the messages apart, the second delivers them.
     QCoreApplication::sendPostedEvents(0, QEvent::MetaCall);
@@ -216,6 +214,7 @@ int main(int argc, char **argv)
     // At its limit, 63 MB that wait to be handled, the bus library stops to read, and Qt 5 cannot make it
     // go on, since it frees the messages on another thread.
     dbus_connection_set_max_received_size(static_cast<DBusConnection *>(bus.internalPointer()), LONG_MAX);
+    bus.interface()->setTimeout(1000); // of the questions in serveBus
     // The signatures keep out what Qt would end the process over.
     bus.connect(QString(), QString(), QLatin1String("com.qel.zarn5.log"), QLatin1String("log"),
                 QLatin1String("us"), &logging, SLOT(onMessage(uint, QString)));

@@ -82,7 +82,7 @@ QStringList findProcesses(const QString &name, ChildProcess *process);
 /**
  * Asks the bus until `service` has no owner (an empty name never has), 100 times at most, then serves all
  * that came in ahead of the last answer, the loss of the service included. Any slot may run inside, so a
- * caller touches nothing afterwards that one may change. A bus that hangs costs a second.
+ * caller touches nothing afterwards that one may change. A bus that hangs costs a second, set in main.
  */
 void serveBus(const QString &service);
 
