@@ -59,9 +59,8 @@ static bool isCurrentMinute(const QString &stamp)
 // Makes the minute of `stamp`, which has 23 characters, the current one; true if it is plain.
 static bool enterMinute(const QString &stamp)
 {
-    if (isCurrentMinute(stamp))
-        return minutes[0].plain;
-    std::swap(minutes[0], minutes[1]);
+    if (!isCurrentMinute(stamp))
+        std::swap(minutes[0], minutes[1]);
     if (isCurrentMinute(stamp))
         return minutes[0].plain;
     memcpy(minutes[0].text, stamp.constData(), sizeof minutes[0].text);

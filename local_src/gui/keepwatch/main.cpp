@@ -27,6 +27,7 @@ bool suppressTrace;
 bool suppressDebug;
 
 static bool isBatch;
+static const sched_param noPriority = sched_param();
 
 // Never closed: a signal may come until the very end of the process.
 static int quitPipe[2] = { -1, -1 };
@@ -65,11 +66,6 @@ LogStatement &LogStatement::operator<<(const QByteArray &bytes)
     return *this << QString::fromLatin1(bytes.constData(), qMax(bytes.size(), 0));
 }
 
-LogStatement &LogStatement::operator<<(int number)
-{
-    return *this << qint64(number);
-}
-
 LogStatement &LogStatement::operator<<(qint64 number)
 {
     buffer += QString::number(number) + QLatin1Char(' ');
@@ -93,9 +89,8 @@ void messageHandler(QtMsgType type, const char *msg)
         }
     }
 
-    const QString stamp = writeStamp(QDateTime::currentMSecsSinceEpoch());
-    const QString line
-        = QLatin1Char('(') + stamp + QLatin1String(") keepwatch      : ") + QString::fromLatin1(msg);
+    const QString line = QLatin1Char('(') + writeStamp(QDateTime::currentMSecsSinceEpoch())
+        + QLatin1String(") keepwatch      : ") + QString::fromLatin1(msg);
 
     switch (type) {
     case QtDebugMsg: Logging::deliver(level, line); break;
@@ -118,7 +113,11 @@ QStringList findProcesses(const QString &name, ChildProcess *process)
 void serveBus(const QString &service)
 {
     QDBusConnectionInterface *bus = QDBusConnection::sessionBus().interface();
-    for (int question = 0; bus && question < 100 && bus->isServiceRegistered(service); ++question) { }
+    for (int question = 0; bus && question < 100; ++question) {
+        const QDBusReply<bool> owned = bus->isServiceRegistered(service);
+        if (owned.isValid() ? !owned.value() : service.isEmpty() || question >= 25)
+            break;
+    }
     // On Qt 4 the first round takes the messages apart, the second delivers them.
     QCoreApplication::sendPostedEvents(0, QEvent::MetaCall);
     QCoreApplication::sendPostedEvents(0, QEvent::MetaCall);
@@ -128,15 +127,13 @@ void serveBus(const QString &service)
 // then, and finds several lines at a time. Not where somebody else has chosen.
 static void becomeBatch()
 {
-    const sched_param unused = sched_param();
-    isBatch = sched_getscheduler(0) == SCHED_OTHER && sched_setscheduler(0, SCHED_BATCH, &unused) == 0;
+    isBatch = sched_getscheduler(0) == SCHED_OTHER && sched_setscheduler(0, SCHED_BATCH, &noPriority) == 0;
 }
 
 void ChildProcess::setupChildProcess()
 {
-    const sched_param unused = sched_param();
     if (isBatch)
-        sched_setscheduler(0, SCHED_OTHER, &unused);
+        sched_setscheduler(0, SCHED_OTHER, &noPriority);
     signal(SIGXFSZ, SIG_DFL); // the library does the same for SIGPIPE
 }
 
@@ -146,9 +143,8 @@ static void sigintHandler(int signal)
     if (signal != SIGINT)
         return;
     const int error = errno;
-    const ssize_t ignored = write(quitPipe[1], "", 1); // a full pipe says it already
-    Q_UNUSED(ignored)
-    errno = error;
+    if (write(quitPipe[1], "", 1) < 0) // a full pipe says it already
+        errno = error;
 }
 
 // A parent may have left any of them blocked: without SIGCHLD no end is seen, without SIGINT none comes.
@@ -214,7 +210,7 @@ int main(int argc, char **argv)
     // At its limit, 63 MB that wait to be handled, the bus library stops to read, and Qt 5 cannot make it
     // go on, since it frees the messages on another thread.
     dbus_connection_set_max_received_size(static_cast<DBusConnection *>(bus.internalPointer()), LONG_MAX);
-    bus.interface()->setTimeout(1000); // of the questions in serveBus
+    bus.interface()->setTimeout(1000); // in serveBus
     // The signatures keep out what Qt would end the process over.
     bus.connect(QString(), QString(), QLatin1String("com.qel.zarn5.log"), QLatin1String("log"),
                 QLatin1String("us"), &logging, SLOT(onMessage(uint, QString)));

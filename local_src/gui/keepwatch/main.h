@@ -9,9 +9,6 @@
 #include <QStringList>
 #include <QTimer>
 #include <QtGlobal>
-#if QT_VERSION >= 0x050000
-#include <QLoggingCategory>
-#endif
 
 /** A log statement: "logWarning() << item << item;". Every item is followed by one blank. */
 #define logInfo() LogStatement(QtDebugMsg, tagOfPlace("NODEBUG:%1,%2:"))
@@ -41,7 +38,6 @@ public:
     LogStatement &operator<<(const char *text); ///< bare, each byte one character
     LogStatement &operator<<(const QString &text); ///< in double quotes, nothing escaped
     LogStatement &operator<<(const QByteArray &bytes); ///< in double quotes, each byte one character
-    LogStatement &operator<<(int number);
     LogStatement &operator<<(qint64 number);
 
 private:
@@ -80,14 +76,16 @@ protected:
 QStringList findProcesses(const QString &name, ChildProcess *process);
 
 /**
- * Asks the bus until `service` has no owner (an empty name never has), 100 times at most, then serves all
- * that came in ahead of the last answer, the loss of the service included. Any slot may run inside, so a
- * caller touches nothing afterwards that one may change. A bus that hangs costs a second, set in main.
+ * Asks the bus until `service` has no owner, 100 times at most, or just once for an empty name; then serves
+ * all that came in ahead of the last answer, the loss of the service included. Any slot may run inside, so a
+ * caller touches nothing afterwards that one may change. An answer is waited for a second; to a bus that
+ * stands still the question is put 25 times, since its report, too, is late then.
  */
 void serveBus(const QString &service);
 
 // Qt 4 and Qt 5 part ways only here.
 #if QT_VERSION >= 0x050000
+#include <QLoggingCategory>
 /** Keeps logging rules of the environment away, which would drop lines. */
 inline void passAllMessages()
 {

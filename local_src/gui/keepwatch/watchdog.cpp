@@ -3,7 +3,6 @@
 #include "main.h"
 
 #include <QCoreApplication>
-#include <QDBusConnection>
 #include <QDBusError>
 #include <QDBusInterface>
 #include <QFile>
