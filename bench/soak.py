@@ -1,0 +1,307 @@
+#!/usr/bin/python3
+# What bench/soak does within its stage: soak.py DAEMON SECONDS SEED. Each step is drawn before the first is taken.
+import contextlib, datetime, os, random, re, shutil, signal, subprocess, sys, tempfile, time
+import dbus, dbus.lowlevel
+
+executable, seconds, seed = sys.argv[1], int(sys.argv[2]), int(sys.argv[3])
+names = "gui", "uartinterface"
+bus_pid = int(os.environ["BUS_PID"])
+bus = dbus.SessionBus()
+bus.set_exit_on_disconnect(False)
+bus_runs = True
+published = 0
+ended = {}  # the processes that were made to end, and their modules
+full = []  # for each time that the disk was full: last line logged before, last line published when there was room again
+
+
+class Fault(Exception):
+    pass
+
+
+def emit(interface, member, signature, *arguments):
+    message = dbus.lowlevel.SignalMessage("/", interface, member)
+    message.append(signature=signature, *arguments)
+    bus.send_message(message)  # never waits
+
+
+def log(text):
+    stamp = datetime.datetime.now().isoformat(" ", "milliseconds")
+    emit("com.qel.zarn5.log", "log", "us", 5, f"({stamp}) soak           : {text}")
+
+
+def publish(count):
+    global published
+    for published in range(published + 1, published + count + 1):
+        log(f"line {published}")
+
+
+def live(seconds, done=lambda: False, count=1):
+    """Publishes `count` lines every 5 ms until `done`; false if it was not done in time."""
+    end = time.monotonic() + seconds
+    while not done():
+        if daemon.poll() is not None:
+            raise Fault(f"keepwatch is gone, with status {daemon.returncode}")
+        if time.monotonic() > end:
+            return False
+        publish(count)
+        if bus_runs:
+            bus.flush()  # by itself it sends 2 kB at a time
+        time.sleep(0.005)
+    return True
+
+
+def expect(what, done, count=1):
+    if not live(180, done, count):
+        raise Fault(what + ", though nothing is in the way")
+
+
+def read(path, start=0):
+    with open(path, "rb") as file:
+        file.seek(start)
+        return file.read()
+
+
+def children():
+    return [int(pid) for pid in read(f"/proc/{daemon.pid}/task/{daemon.pid}/children").split()]
+
+
+def process_of(name):
+    """The module's process that nothing has ended yet, once it has become the module."""
+    for pid in set(children()) - set(ended):
+        if read(f"/proc/{pid}/comm").strip().decode() == f"zarn5_{name}"[:15]:
+            return pid
+    return None
+
+
+def tail():
+    return read("disk/log", max(0, os.stat("disk/log").st_size - 1000000))
+
+
+def numbers(text):
+    return [int(number) for number in re.findall(rb"^\[.* soak           : line (\d+)$", text, re.M)]
+
+
+# The steps.
+def end(name, number):
+    pid = process_of(name)
+    if pid:
+        os.kill(pid, number)
+        ended[pid] = name
+
+
+def end_newborn(name, delay):
+    live(1, lambda: process_of(name))
+    time.sleep(delay)
+    end(name, signal.SIGKILL)
+
+
+def end_both(first, second, delay):
+    end(first, signal.SIGKILL)
+    time.sleep(delay)
+    end(second, signal.SIGKILL)
+
+
+def stop(name, stopped):
+    stopped[:] = [process_of(name)]
+    if stopped[0]:
+        os.kill(stopped[0], signal.SIGSTOP)
+
+
+def go_on(stopped):
+    if stopped[0]:
+        with contextlib.suppress(ProcessLookupError):
+            os.kill(stopped[0], signal.SIGCONT)
+
+
+def stop_bus():
+    global bus_runs
+    bus_runs = False
+    os.kill(bus_pid, signal.SIGSTOP)
+
+
+def bus_goes_on():
+    global bus_runs
+    os.kill(bus_pid, signal.SIGCONT)
+    bus_runs = True
+
+
+def resize(size):
+    # Without the options that it has: in a user namespace of its own some are refused.
+    return subprocess.call(["mount", "--options-mode=ignore", "-o", f"remount,size={size}", "soak",
+                            os.path.abspath("disk")], stderr=subprocess.DEVNULL) == 0
+
+
+def fill():
+    full.append([max(numbers(tail()), default=0), None])
+    for _ in range(100):  # it may grow meanwhile
+        disk = os.statvfs("disk")
+        if resize((disk.f_blocks - disk.f_bfree) * disk.f_frsize):
+            return
+    raise Fault("the disk cannot be made full")
+
+
+def make_room():
+    resize("50%")
+    for window in full:
+        window[1] = window[1] or published
+
+
+def send_wrong():
+    values = [("", ()), ("u", (5,)), ("s", ("wrong",)), ("su", ("wrong", 5)), ("d", (1.0,)), ("ad", ([1.0],)),
+              ("aus", ([5], "wrong")), ("(u)s", ((5,), "wrong")), ("ua{sv}", (5, {"wrong": 1})), ("aas", ([["wrong"]],)),
+              ("v", (5,)), ("ay", (b"\0\xff",)), ("o", ("/wrong",)), ("uss", (5, "wrong", "wrong")), ("us", (5, "")),
+              ("us", (2, "%s%n \t\r\x01\x7f\u00e9\U0001f600")), ("s", ("%s\n",))]
+    for signature, arguments in values:
+        emit("com.qel.zarn5.log", "log", signature, *arguments)
+        emit("com.qel.zarn5.busmon", "busmon", signature, *arguments)
+    emit("com.qel.zarn5.log", "log", "us", 6, "x" * 70000000)  # no such level: it is taken in, but not written
+
+
+def talk(name, size):
+    with open("text", "wb") as text:
+        text.write(b"x" * size)
+    pid = process_of(name)
+    if pid:
+        os.kill(pid, signal.SIGWINCH)
+
+
+def draw_steps():
+    """Rounds of all kinds, in any order: (seconds from the start, step, its arguments)."""
+    draw = random.Random(seed)
+    steps = []
+    now = 0
+    while now < seconds:
+        kinds = ["end", "newborns", "both", "leave", "stop", "bus", "full", "flood", "wrong", "talk"]
+        for kind in draw.sample(kinds, len(kinds)):
+            now += draw.uniform(0, 6)
+            later = now + draw.uniform(0.1, 6)
+            name, other = draw.sample(names, 2)
+            if kind == "end":
+                steps.append((now, end, name, draw.choice([signal.SIGKILL, signal.SIGTERM])))
+            elif kind == "newborns":
+                steps.append((now, end, name, signal.SIGKILL))
+                steps += [(now, end_newborn, name, draw.uniform(0, 0.1)) for _ in range(draw.randint(1, 3))]
+            elif kind == "both":
+                steps.append((now, end_both, name, other, draw.uniform(0, 0.005)))
+            elif kind == "leave":
+                steps.append((now, end, name, signal.SIGUSR1))
+            elif kind == "stop":
+                stopped = [None]
+                steps += [(now, stop, name, stopped), (later, go_on, stopped)]
+            elif kind == "bus":
+                steps += [(now, stop_bus), (later, bus_goes_on)]
+            elif kind == "full":
+                steps += [(now, fill), (later, make_room)]
+            elif kind == "flood":
+                steps.append((now, publish, draw.randint(1000, 20000)))
+            elif kind == "wrong":
+                steps.append((now, send_wrong))
+            else:
+                steps.append((now, talk, name, draw.randint(1, 150000)))
+    return sorted(steps, key=lambda step: step[0])
+
+
+# The counts.
+def count(text):
+    return [text.count(words) for words in (b"ended unexpectedly", b": restarted ", b"reestablished: run!")]
+
+
+def measure():
+    memory = re.search(rb"VmRSS:\s*(\d+)", read(f"/proc/{daemon.pid}/status"))
+    return int(memory[1]) / 1e3, len(os.listdir(f"/proc/{daemon.pid}/fd")), len(children())
+
+
+def settled(start, ends):
+    """Whether the last that the log says behind `start` is a release, after so many ends."""
+    text = read("disk/log", start)
+    return (all(process_of(name) for name in names) and text.count(b"ended unexpectedly") >= ends
+            and max(text.rfind(b"unexpectedly"), text.rfind(b"pausing")) < text.rfind(b": run!"))
+
+
+def report_minute(minute):
+    counts = "{} counted, {} relaunches, {} releases".format(*count(read("out")))
+    print("minute {}: {} ends, {}; {} lines published; {:.1f} MB, {} descriptors, {} children".format(
+        minute, len(ended), counts, published, *measure()), flush=True)
+
+
+def run():
+    global daemon
+    os.mkdir("disk")
+    subprocess.run(["mount", "-t", "tmpfs", "-o", "size=50%", "soak", "disk"], check=True)
+    os.mkdir("zarn5")
+    with open("zarn5/keepwatch.conf", "w") as conf:
+        conf.write("[logging]\nlogfile=disk/log\ntelegramfile=disk/telegrams\n")
+    for name in names:
+        os.symlink(os.path.dirname(os.path.realpath(__file__)) + "/soak-module", "zarn5_" + name)
+    with open("out", "wb") as out, open("err", "wb") as err:
+        daemon = subprocess.Popen([executable], stdout=out, stderr=err)
+    expect("no log", lambda: os.path.exists("disk/log"), 0)
+    expect("no first release", lambda: settled(0, 0), 0)
+    live(2)  # the calls of the release are behind it
+    before = measure()
+
+    start = time.monotonic()
+    minutes = 1
+    for when, step, *arguments in draw_steps():
+        while True:
+            now = time.monotonic() - start
+            live(max(0, min(when, minutes * 60) - now))
+            if when < minutes * 60:
+                break
+            report_minute(minutes)
+            minutes += 1
+        log(f"step {step.__name__} {arguments}")
+        step(*arguments)
+
+    # All good again; then a last end of both, so that their output is read again too.
+    expect("a module is missing", lambda: all(process_of(name) for name in names))
+    position = os.stat("disk/log").st_size
+    end_both(*names, 0)
+    expect("no last release", lambda: settled(position, 2))
+    live(2)
+    expect("the last line is missing", lambda: numbers(tail())[-1:] == [published], 0)
+    after = measure()
+    crashes = sum(int(read(f"/proc/{process_of(name)}/cmdline").split(b"\0")[-2]) for name in names)
+    daemon.send_signal(signal.SIGINT)
+    status = daemon.wait(60)
+    return before, after, crashes, status
+
+
+def judge(before, after, crashes, status):
+    """Prints what became of all; the faults."""
+    output, logged = numbers(read("out")), numbers(read("disk/log"))
+    ends, (counted, relaunches, releases) = len(ended), count(read("out"))
+    missing = set(range(1, published + 1)) - set(logged)
+    no_room = {line for line in missing & set(output) if any(first < line <= last for first, last in full)}
+    lost = len(missing - no_room) + published - len(set(output))
+    disorder = sum(a >= b for lines in (output, logged) for a, b in zip(lines, lines[1:]))
+    print(f"""
+| soak of {seconds} s, seed {seed} | |
+|---|---|
+| ends made; reported, counted, relaunched by keepwatch | {ends}; {counted}, {crashes}, {relaunches} |
+| releases after them | {releases} |
+| lines published; in the log | {published}; {len(logged)} |
+| lines that found no room on the full disk; lost; out of order | {len(no_room)}; {lost}; {disorder} |""")
+    for what, index in ("memory, MB", 0), ("descriptors", 1), ("children", 2):
+        print(f"| {what}: at the start; at the end | {before[index]}; {after[index]} |")
+    return [what for what, wrong in (
+        ("an end was not counted, or not relaunched once", not ends == counted == crashes == relaunches),
+        ("lines are lost or out of order", lost or disorder),
+        ("a leak", after[0] > before[0] + 50 or after[1] > before[1] or after[2] != before[2]),
+        (f"keepwatch ended with status {status}: " + read("err").decode(errors="replace"), status or read("err"))) if wrong]
+
+
+os.chdir(os.environ["XDG_CONFIG_HOME"])
+try:
+    faults = judge(*run())
+except (Fault, subprocess.TimeoutExpired) as fault:
+    faults = [str(fault)]
+for fault in faults:
+    print("FAIL:", fault)
+if faults:
+    kept = tempfile.mkdtemp(prefix=f"soak-{seed}.")
+    for file in "out", "err", "disk/log":
+        if os.path.exists(file):
+            shutil.copy(file, kept)
+    print("the log is kept in", kept)
+    sys.exit(1)
