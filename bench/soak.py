@@ -11,7 +11,7 @@ bus.set_exit_on_disconnect(False)
 bus_runs = True
 published = 0
 ended = {}  # the processes that were made to end, and their modules
-full = []  # for each time that the disk was full: last line logged before, last line published when there was room again
+full = []  # for each full disk: the last line logged before, the last line published until there was room again
 
 
 class Fault(Exception):
@@ -68,8 +68,9 @@ def children():
 def process_of(name):
     """The module's process that nothing has ended yet, once it has become the module."""
     for pid in set(children()) - set(ended):
-        if read(f"/proc/{pid}/comm").strip().decode() == f"zarn5_{name}"[:15]:
-            return pid
+        with contextlib.suppress(OSError):
+            if read(f"/proc/{pid}/comm").strip().decode() == f"zarn5_{name}"[:15]:
+                return pid
     return None
 
 
@@ -148,9 +149,9 @@ def make_room():
 
 def send_wrong():
     values = [("", ()), ("u", (5,)), ("s", ("wrong",)), ("su", ("wrong", 5)), ("d", (1.0,)), ("ad", ([1.0],)),
-              ("aus", ([5], "wrong")), ("(u)s", ((5,), "wrong")), ("ua{sv}", (5, {"wrong": 1})), ("aas", ([["wrong"]],)),
-              ("v", (5,)), ("ay", (b"\0\xff",)), ("o", ("/wrong",)), ("uss", (5, "wrong", "wrong")), ("us", (5, "")),
-              ("us", (2, "%s%n \t\r\x01\x7f\u00e9\U0001f600")), ("s", ("%s\n",))]
+              ("aus", ([5], "wrong")), ("(u)s", ((5,), "wrong")), ("ua{sv}", (5, {"wrong": 1})),
+              ("aas", ([["wrong"]],)), ("v", (5,)), ("ay", (b"\0\xff",)), ("o", ("/wrong",)),
+              ("uss", (5, "wrong", "wrong")), ("us", (5, "")), ("us", (2, "%s%n \t\r\x01\x7f\u00e9\U0001f600"))]
     for signature, arguments in values:
         emit("com.qel.zarn5.log", "log", signature, *arguments)
         emit("com.qel.zarn5.busmon", "busmon", signature, *arguments)
@@ -226,6 +227,7 @@ def report_minute(minute):
 
 def run():
     global daemon
+    print("seed", seed, flush=True)
     os.mkdir("disk")
     subprocess.run(["mount", "-t", "tmpfs", "-o", "size=50%", "soak", "disk"], check=True)
     os.mkdir("zarn5")
@@ -284,11 +286,12 @@ def judge(before, after, crashes, status):
 | lines that found no room on the full disk; lost; out of order | {len(no_room)}; {lost}; {disorder} |""")
     for what, index in ("memory, MB", 0), ("descriptors", 1), ("children", 2):
         print(f"| {what}: at the start; at the end | {before[index]}; {after[index]} |")
-    return [what for what, wrong in (
-        ("an end was not counted, or not relaunched once", not ends == counted == crashes == relaunches),
-        ("lines are lost or out of order", lost or disorder),
-        ("a leak", after[0] > before[0] + 50 or after[1] > before[1] or after[2] != before[2]),
-        (f"keepwatch ended with status {status}: " + read("err").decode(errors="replace"), status or read("err"))) if wrong]
+    said = read("err").decode(errors="replace")
+    faults = {"ends, counts and relaunches differ": not ends == counted == crashes == relaunches,
+              "lines are lost or out of order": lost or disorder,
+              "a leak": after[0] > before[0] + 50 or after[1] > before[1] or after[2] != before[2],
+              f"keepwatch ended with status {status}: {said}": status or said}
+    return [fault for fault, seen in faults.items() if seen]
 
 
 os.chdir(os.environ["XDG_CONFIG_HOME"])
