@@ -156,11 +156,10 @@ Logging::Logging()
     : useSyslog(false)
 {
     QSettings settings;
-    {
-        QMutexLocker locker(&mutex);
-        instance = this;
-        closed = false;
-    }
+    mutex.lock();
+    instance = this;
+    closed = false;
+    mutex.unlock();
 
     openFile(settings.value(QLatin1String("logging/telegramfile")).toString(), &telegramFile,
              &telegramStream);
@@ -176,11 +175,10 @@ Logging::Logging()
 
 Logging::~Logging()
 {
-    {
-        QMutexLocker locker(&mutex);
-        instance = 0;
-        closed = true;
-    }
+    mutex.lock();
+    instance = 0;
+    closed = true;
+    mutex.unlock();
     serveBus(QString()); // what modules published while they were shut down
 
     if (telegramFile)

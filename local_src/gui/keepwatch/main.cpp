@@ -193,12 +193,17 @@ int main(int argc, char **argv)
         QTextCodec::setCodecForLocale(QTextCodec::codecForName("UTF-8"));
 
     ChildProcess guard;
-    const QString name = QFileInfo(QString::fromLatin1(argv[0])).completeBaseName();
-    if (findProcesses(name, &guard).size() >= 2) { // this process is one of them
+    // This process is one of those that are found.
+    if (findProcesses(QFileInfo(QString::fromLatin1(argv[0])).completeBaseName(), &guard).size() >= 2) {
         const char refusal[] = "an instance of this keepwatch tool is already running. abort.\n";
         fwrite(refusal, 1, sizeof refusal - 1, stderr);
         return 0;
     }
+    // The library's handler: the end of a child must not interrupt a write, whose lines would be lost.
+    struct sigaction onChild;
+    sigaction(SIGCHLD, 0, &onChild);
+    onChild.sa_flags |= SA_RESTART;
+    sigaction(SIGCHLD, &onChild, 0);
 
     Logging logging;
     QSettings settings;
