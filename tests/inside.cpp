@@ -343,6 +343,8 @@ private slots:
             note("and is repeated");
             QVERIFY(dog->modules[1]->process == running);
         }
+        dog.reset();
+        transcript += log().mid(noted).remove(folder->path());
     }
 
     void outputIsCutOffBehindTheLimit()
@@ -367,7 +369,7 @@ private slots:
     // One of the three that pgrep finds takes its time. Not asked for: what has no name or is not started.
     void staleProcesses()
     {
-        write("pgrep", "#!/bin/sh\necho pgrep \"$@\" >>asked; printf 1; sleep 0.1; printf '1\\n\\n22\\n33'");
+        write("pgrep", "#!/bin/sh\necho pgrep \"$@\" >>asked; printf 1; sleep 0.5; printf '1\\n\\n22\\n33'");
         write("kill", "#!/bin/sh\necho kill \"$@\" >>asked; [ $2 != 22 ] || exec sleep 1");
         const QByteArray path = qgetenv("PATH");
         qputenv("PATH", folder->path().toLocal8Bit() + ':' + path);
