@@ -153,6 +153,7 @@ static void setUpSignals()
     sigset_t none;
     sigemptyset(&none);
     sigprocmask(SIG_SETMASK, &none, 0);
+    signal(SIGINT, SIG_DFL); // until there is a handler: a shell may have it ignored
     // What nobody reads, or what a file may not grow by, is lost as on a full disk.
     signal(SIGPIPE, SIG_IGN);
     signal(SIGXFSZ, SIG_IGN);
