@@ -136,20 +136,20 @@ static void write(QFile *file, QTextStream *stream, const QString &text)
     file->flush(); // Qt 5 writes a block of the buffer at a time, and behind a full disk there are two
 }
 
-static bool isAscii(const QByteArray &text)
+// Without NUL, at which the C library stops.
+static bool isAscii(const QString &text)
 {
-    return std::none_of(text.begin(), text.end(), [](char byte) { return byte & 0x80; });
+    return std::none_of(text.begin(), text.end(), [](QChar c) { return c.unicode() - 1u > 126; });
 }
 
-// ASCII reads the same to the C library, which is faster, and to Qt, which takes other bytes for UTF-8.
-static QString formatLine(const char *format, int delay, const QByteArray &message)
+// ASCII needs no detour by the C library, for which other bytes are encoded, and which Qt takes for UTF-8.
+static QString formatLine(const char *format, int delay, const QString &message)
 {
     if (!isAscii(message))
-        return QString().sprintf(format, delay, message.constData());
-    QByteArray text;
-    text.resize(message.size() + 32);
-    const int size = qsnprintf(text.data(), text.size(), format, delay, message.constData());
-    return QString::fromLatin1(text.constData(), size);
+        return QString().sprintf(format, delay, message.toLocal8Bit().constData());
+    char frame[32];
+    const int size = qsnprintf(frame, sizeof frame, format, delay, "");
+    return QString::fromLatin1(frame, size - 1) + message + QLatin1Char('\n');
 }
 
 Logging::Logging()
@@ -226,7 +226,7 @@ void Logging::onMessage(uint level, QString message)
     const bool stamped = readStamp(message.mid(1, 23), &stamp);
     const int delay = stamped ? int(QDateTime::currentMSecsSinceEpoch() - stamp) : 0;
 
-    const QString text = formatLine(levels[level].format, delay, message.toLocal8Bit());
+    const QString text = formatLine(levels[level].format, delay, message);
 
     if (useSyslog)
         syslog(levels[level].priority, "%s", text.toUtf8().constData());
