@@ -79,7 +79,7 @@ int main(int argc, char **argv)
 {
     QCoreApplication::setOrganizationName("zarn5");
     QCoreApplication::setApplicationName("keepwatch");
-    qInstallMsgHandler(messageHandler);
+    installMessageHandler<messageHandler>();
     QCoreApplication application(argc, argv);
     const QStringList words = application.arguments();
     const bool floor = words.value(2) == "floor";

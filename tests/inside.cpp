@@ -6,6 +6,7 @@
 #include <QDBusInterface>
 #include <QDBusVirtualObject>
 #include <QPointer>
+#include <QRegularExpression>
 #include <QTemporaryDir>
 #include <QTest>
 #include <QThread>
@@ -78,9 +79,10 @@ class InsideTest : public QObject
     // What the log holds behind its first line: level (II for info) and text.
     static QString log()
     {
-        const QRegExp head("\\[[-0-9]+\\] (..) \\([-0-9: .]{23}\\) keepwatch      : ([a-z.]+ +, +\\d+: )?");
+        const QRegularExpression head(
+            "\\[[-0-9]+\\] (..) \\([-0-9: .]{23}\\) keepwatch      : ([a-z.]+ +, +\\d+: )?");
         const QString text = QString::fromUtf8(read("log")).section('\n', 1).replace("]    (", "] II (");
-        return QString(text).replace(head, "\\1 ").replace(QRegExp("pid \\d+"), "pid N");
+        return QString(text).replace(head, "\\1 ").replace(QRegularExpression("pid \\d+"), "pid N");
     }
 
     static QString describe(const QTimer &timer)
@@ -98,7 +100,7 @@ class InsideTest : public QObject
         out << "== " << title << '\n' << log().mid(noted);
         noted = log().size();
         for (const QString &call : recorder.calls)
-            out << "calls " << QString(call).replace(QRegExp("\\d+ kB"), "N kB") << '\n';
+            out << "calls " << QString(call).replace(QRegularExpression("\\d+ kB"), "N kB") << '\n';
         recorder.calls.clear();
         out << "state " << dog->state << ", tick " << describe(dog->cyclicTimer) << ", report "
             << describe(dog->statusTimer) << '\n';
@@ -148,6 +150,7 @@ private slots:
         passAllMessages();
         setUpSignals();
         QVERIFY(bus.isConnected() && bus.registerVirtualObject("/", &recorder));
+        QCoreApplication::sendPostedEvents(); // until then the library keeps signals back
     }
 
     void init()
@@ -157,8 +160,7 @@ private slots:
         QSettings().clear();
         QSettings().setValue("logging/logfile", "log");
         QSettings().setValue("logging/telegramfile", "telegrams");
-        qInstallMessageHandler(0); // the test library's, which Qt would prefer
-        qInstallMsgHandler(messageHandler);
+        installMessageHandler<messageHandler>(); // in place of the test library's
         QVERIFY(freopen("out", "w", stdout));
         sink.reset(new Logging);
     }
@@ -213,9 +215,10 @@ private slots:
         for (uint level = 0; level <= 6; ++level)
             sink->onMessage(level, level ? QString(QChar(0xfc)) : QString());
         sink->onMessage(2, QChar(0xfeff) + QString("\u20ac") + QChar() + "lost");
-        const QRegExp stamped("\\[(-?\\d+)\\d{3}\\](.{4})\\([-0-9: .]{23}\\)"), line("\\d+: ");
+        const QRegularExpression stamped("\\[(-?\\d+)\\d{3}\\](.{4})\\([-0-9: .]{23}\\)"), line("\\d+: ");
         transcript = QString::fromUtf8(heard).replace(stamped, "[\\1xxx]\\2(S)").replace(line, "N: ");
-        QCOMPARE(read("log"), QString(heard).section('\n', 1).remove(QRegExp("\\d(?=\\[)")).toUtf8());
+        QCOMPARE(read("log"),
+                 QString(heard).section('\n', 1).remove(QRegularExpression("\\d(?=\\[)")).toUtf8());
         sink->onTelegrams("a");
         sink->onTelegrams(QChar(0xfc));
         transcript += QString::fromUtf8(read("telegrams"));
@@ -286,8 +289,8 @@ private slots:
             _exit(0);
         }
         wait(0);
-        const QRegExp fatal("fatal error: \\(.{23}\\) keepwatch      : no Logging instance\n");
-        QVERIFY(fatal.indexIn(read("stderr")) == 0);
+        const QRegularExpression fatal("fatal error: \\(.{23}\\) keepwatch      : no Logging instance\n");
+        QVERIFY(fatal.match(read("stderr")).capturedStart() == 0);
     }
 
     void settings()

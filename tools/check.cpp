@@ -1,5 +1,7 @@
 // zarn5-check: will keepwatch start on this device? Prints its settings as it reads them, then every fault.
 // To be run as the user, in the working directory and with the environment of keepwatch. Changes nothing.
+#include "qtversion.h"
+
 #include <QCoreApplication>
 #include <QDBusConnection>
 #include <QDBusError>
@@ -7,18 +9,16 @@
 #include <QElapsedTimer>
 #include <QFile>
 #include <QFileInfo>
-#include <QProcess>
-#include <QRegExp>
 #include <QSettings>
 #include <QStringList>
-#include <QTextCodec>
 
 #include <cerrno>
-#include <clocale>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <dbus/dbus.h>
+#include <regex.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -96,7 +96,7 @@ QVariant Settings::value(const QString &key, const QVariant &standard)
     sections << key.section(QLatin1Char('/'), 0, 0);
     QVariant value = settings.value(key, standard);
     const QString text = value.toString();
-    if (value.type() == QVariant::StringList)
+    if (value.userType() == QMetaType::QStringList)
         fault(where(key), "\"%2\" is a list and reads as nothing; put double quotes around it",
               value.toStringList().join(QLatin1String(", ")));
     const QByteArray bytes = text.toLatin1();
@@ -139,7 +139,7 @@ bool Settings::flag(const QString &key, const char *zero, const char *other)
     show(key, QString::number(number) + QLatin1String(", ") + QLatin1String(number ? other : zero));
     bool isNumber;
     value.toString().toInt(&isNumber);
-    if (!isNumber && value.type() != QVariant::StringList)
+    if (!isNumber && value.userType() != QMetaType::QStringList)
         fault(where(key), "\"%2\" reads as %3; write 0 or 1", value.toString(), QString::number(number));
     return number != 0;
 }
@@ -177,7 +177,8 @@ static QStringList settingsFiles()
         folders
             << QFileInfo(QSettings(QSettings::SystemScope, QLatin1String("zarn5-check")).fileName()).path();
     else
-        folders << listed.split(QLatin1Char(':'), QString::SkipEmptyParts);
+        folders << listed.split(QLatin1Char(':'));
+    folders.removeAll(QString());
     const QLatin1String forUs("/zarn5/keepwatch.conf"), forAll("/zarn5.conf");
     QStringList files;
     files << folders.first() + forUs << folders.first() + forAll;
@@ -283,9 +284,9 @@ static void checkProgram(const QString &where, const QString &path)
         return; // may be run, but not be looked into
     const QByteArray head = file.read(256);
     if (head.startsWith("#!")) {
-        const QString line = QString::fromLocal8Bit(head.mid(2).split('\n').first());
-        const QString interpreter
-            = line.section(QRegExp(QLatin1String("[ \t]")), 0, 0, QString::SectionSkipEmpty);
+        QList<QByteArray> words = head.mid(2).split('\n').first().replace('\t', ' ').split(' ');
+        words.removeAll(QByteArray());
+        const QString interpreter = QString::fromLocal8Bit(words.value(0));
         if (!allows(interpreter, X_OK))
             fault(where, "cannot be started by \"%2\" (%3); correct its first line", interpreter,
                   systemError());
@@ -304,26 +305,28 @@ static void checkProgram(const QString &where, const QString &path)
 
 static void checkService(const QString &where, const QString &service)
 {
-    const QLatin1String name("[A-Za-z_-][A-Za-z0-9_-]*(\\.[A-Za-z_-][A-Za-z0-9_-]*)+");
-    if (service.size() > 255 || !QRegExp(name).exactMatch(service))
+    if (service.startsWith(QLatin1Char(':')) || !dbus_validate_bus_name(service.toUtf8().constData(), 0))
         fault(where, "is no bus name and never comes; name one like com.qel.zarn5.gui");
     else if (service.contains(QLatin1Char('-')) || service.size() > 255 - int(strlen(".adaptor")))
         fault(where,
               "makes no interface name, and is never connected; take out dashes, 247 characters at most");
 }
 
-// A subclass in any case: for a plain QProcess Qt 5.15 clones in a way that takes a failure for a process
-// with the id -1, and its kill() then kills every process there is.
-class Command : public QProcess
+// Whether pgrep, given `pattern`, finds a process of this name.
+static bool finds(const QString &pattern, const QString &name)
 {
-protected:
-    void setupChildProcess() { }
-};
+    regex_t expression;
+    if (regcomp(&expression, pattern.toLocal8Bit().constData(), REG_EXTENDED | REG_NOSUB) != 0)
+        return false;
+    const bool found = regexec(&expression, name.toLocal8Bit().constData(), 0, 0, 0) == 0;
+    regfree(&expression);
+    return found;
+}
 
 // Runs a command, of whatever kind PATH finds, and takes its output line by line. False if it did not end.
 static bool run(const QString &program, const QStringList &arguments, QStringList *lines)
 {
-    Command command;
+    ChildProcess command;
     command.setStandardErrorFile(QLatin1String("/dev/null")); // else it would be kept, without limit
     command.start(program, arguments);
     QByteArray output;
@@ -345,7 +348,8 @@ static bool run(const QString &program, const QStringList &arguments, QStringLis
     }
     if (command.exitStatus() != QProcess::NormalExit || command.exitCode() > 1) // 1: none found
         fault(where, "fails, and old processes stay; see which one PATH finds");
-    *lines = QString::fromLatin1(output.constData()).split(QLatin1Char('\n'), QString::SkipEmptyParts);
+    *lines = QString::fromLatin1(output.constData()).split(QLatin1Char('\n'));
+    lines->removeAll(QString());
     return true;
 }
 
@@ -401,7 +405,7 @@ static Module checkModule(Settings *settings, const QString &name)
         return module;
     checkProgram(module.place, path);
     module.pattern = QFileInfo(path).baseName().left(processNameLength);
-    if (module.pattern.isEmpty() || !module.processName.contains(QRegExp(module.pattern)))
+    if (module.pattern.isEmpty() || !finds(module.pattern, module.processName))
         fault(module.place, "pgrep does not find its name, and an old process stays; use letters, digits, _");
     return module;
 }
@@ -475,8 +479,7 @@ int main(int argc, char **argv)
     QCoreApplication::setOrganizationDomain(QLatin1String("zarn5.qel.com"));
     QCoreApplication::setApplicationName(QLatin1String("keepwatch"));
     QCoreApplication application(argc, argv);
-    if (qstrcmp(setlocale(LC_CTYPE, 0), "C") == 0)
-        QTextCodec::setCodecForLocale(QTextCodec::codecForName("UTF-8"));
+    keepLettersWithoutLocale();
 
     const QStringList files = settingsFiles();
     if (checkSettingsFiles(files)) {

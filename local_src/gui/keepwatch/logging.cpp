@@ -69,6 +69,7 @@ static bool enterMinute(const QString &stamp)
     minutes[0].start = QDateTime::fromString(first, stampFormat).toMSecsSinceEpoch();
     // No odd digits, no 24:00, no time that a clock change skips or that one comes amid.
     minutes[0].plain = QDateTime::fromMSecsSinceEpoch(minutes[0].start).toString(stampFormat) == first
+        && QDateTime::fromMSecsSinceEpoch(minutes[0].start + 59999).toString(stampFormat) == last
         && QDateTime::fromString(last, stampFormat).toMSecsSinceEpoch() == minutes[0].start + 59999;
     return minutes[0].plain;
 }
@@ -142,14 +143,16 @@ static bool isAscii(const QString &text)
     return std::none_of(text.begin(), text.end(), [](QChar c) { return c.unicode() - 1u > 126; });
 }
 
-// ASCII needs no detour by the C library, for which other bytes are encoded, and which Qt takes for UTF-8.
+// `message` as the C library and Qt make it of a %s: bytes of the locale up to a NUL, taken for UTF-8. ASCII
+// needs no such detour.
 static QString formatLine(const char *format, int delay, const QString &message)
 {
-    if (!isAscii(message))
-        return QString().sprintf(format, delay, message.toLocal8Bit().constData());
     char frame[32];
     const int size = qsnprintf(frame, sizeof frame, format, delay, "");
-    return QString::fromLatin1(frame, size - 1) + message + QLatin1Char('\n');
+    QString line = QString::fromLatin1(frame, size - 1);
+    line.reserve(size + message.size());
+    line += isAscii(message) ? message : QString::fromUtf8(message.toLocal8Bit().constData());
+    return line += QLatin1Char('\n');
 }
 
 Logging::Logging()

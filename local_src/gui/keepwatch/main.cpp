@@ -10,24 +10,21 @@
 #include <QFileInfo>
 #include <QSettings>
 #include <QSocketNotifier>
-#include <QTextCodec>
 
 #include <cerrno>
 #include <climits>
-#include <clocale>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <dbus/dbus.h>
 #include <fcntl.h>
-#include <sched.h>
+#ifdef __GLIBC__
+#include <malloc.h>
+#endif
 #include <unistd.h>
 
 bool suppressTrace;
 bool suppressDebug;
-
-static bool isBatch;
-static const sched_param noPriority = sched_param();
 
 // Never closed: a signal may come until the very end of the process.
 static int quitPipe[2] = { -1, -1 };
@@ -63,7 +60,7 @@ LogStatement &LogStatement::operator<<(const QString &text)
 
 LogStatement &LogStatement::operator<<(const QByteArray &bytes)
 {
-    return *this << QString::fromLatin1(bytes.constData(), qMax(bytes.size(), 0));
+    return *this << QString::fromLatin1(bytes.constData(), bytes.size());
 }
 
 LogStatement &LogStatement::operator<<(qint64 number)
@@ -107,13 +104,15 @@ QStringList findProcesses(const QString &name, ChildProcess *process)
     QString output;
     while (process->waitForReadyRead(30000))
         output += QString::fromLatin1(process->readAllStandardOutput().constData());
-    return output.split(QLatin1Char('\n'), QString::SkipEmptyParts);
+    QStringList ids = output.split(QLatin1Char('\n'));
+    ids.removeAll(QString());
+    return ids;
 }
 
 void serveBus(const QString &service)
 {
     QDBusConnectionInterface *bus = QDBusConnection::sessionBus().interface();
-    for (int question = 0; bus && question < 100; ++question) {
+    for (int question = 1; bus && question <= 100; ++question) {
         const QDBusReply<bool> owned = bus->isServiceRegistered(service);
         if (owned.isValid() ? !owned.value() : service.isEmpty() || question >= 25)
             break;
@@ -123,18 +122,14 @@ void serveBus(const QString &service)
     QCoreApplication::sendPostedEvents(0, QEvent::MetaCall);
 }
 
-// A storm of log lines wakes this process at every line. As a batch process it takes the core from nobody
-// then, and finds several lines at a time. Not where somebody else has chosen.
-static void becomeBatch()
+// Else each line of 20000 characters or more has the C library give the top of its heap back and fetch it
+// again.
+static void keepHeap()
 {
-    isBatch = sched_getscheduler(0) == SCHED_OTHER && sched_setscheduler(0, SCHED_BATCH, &noPriority) == 0;
-}
-
-void ChildProcess::setupChildProcess()
-{
-    if (isBatch)
-        sched_setscheduler(0, SCHED_OTHER, &noPriority);
-    signal(SIGXFSZ, SIG_DFL); // the library does the same for SIGPIPE
+#ifdef __GLIBC__
+    mallopt(M_MMAP_THRESHOLD, sizeof(void *) > 4 ? 4 << 20 : 512 << 10); // the most that 32 bits take
+    mallopt(M_TRIM_THRESHOLD, 4 << 20);
+#endif
 }
 
 // Only the write is safe in a signal handler; the event loop finds the byte and quits.
@@ -147,6 +142,8 @@ static void sigintHandler(int signal)
         errno = error;
 }
 
+static void ignoreSignal(int) { }
+
 // A parent may have left any of them blocked: without SIGCHLD no end is seen, without SIGINT none comes.
 static void setUpSignals()
 {
@@ -154,9 +151,10 @@ static void setUpSignals()
     sigemptyset(&none);
     sigprocmask(SIG_SETMASK, &none, 0);
     signal(SIGINT, SIG_DFL); // until there is a handler: a shell may have it ignored
-    // What nobody reads, or what a file may not grow by, is lost as on a full disk.
-    signal(SIGPIPE, SIG_IGN);
-    signal(SIGXFSZ, SIG_IGN);
+    // What nobody reads, or what a file may not grow by, is lost as on a full disk. A handler, since modules
+    // would inherit SIG_IGN.
+    signal(SIGPIPE, ignoreSignal);
+    signal(SIGXFSZ, ignoreSignal);
 }
 
 // Started without them, the first file or socket to be opened would take the place of standard output.
@@ -177,21 +175,17 @@ static void readFlags(const QSettings &settings)
 
 int main(int argc, char **argv)
 {
+    keepHeap();
     setUpSignals();
     openStandardStreams();
-    becomeBatch();
 
     QCoreApplication::setOrganizationName(QLatin1String("zarn5"));
     QCoreApplication::setOrganizationDomain(QLatin1String("zarn5.qel.com"));
     QCoreApplication::setApplicationName(QLatin1String("keepwatch"));
-    qInstallMsgHandler(messageHandler);
+    installMessageHandler<messageHandler>();
     passAllMessages();
     QCoreApplication application(argc, argv);
-
-    // Many a device starts its daemons without a locale. Qt 4 takes that for an encoding that
-    // lacks most letters, and lines would lose them.
-    if (qstrcmp(setlocale(LC_CTYPE, 0), "C") == 0)
-        QTextCodec::setCodecForLocale(QTextCodec::codecForName("UTF-8"));
+    keepLettersWithoutLocale();
 
     ChildProcess guard;
     // This process is one of those that are found.

@@ -1,14 +1,13 @@
 // What every part of keepwatch shares: the log statement, the handler that it ends in, the pgrep
-// run, the question to the bus, and all that differs between the versions of Qt.
+// run and the question to the bus.
 #ifndef MAIN_H
 #define MAIN_H
 
+#include "qtversion.h"
+
 #include <QByteArray>
-#include <QProcess>
 #include <QString>
 #include <QStringList>
-#include <QTimer>
-#include <QtGlobal>
 
 /** A log statement: "logWarning() << item << item;". Every item is followed by one blank. */
 #define logInfo() LogStatement(QtDebugMsg, tagOfPlace("NODEBUG:%1,%2:"))
@@ -58,17 +57,6 @@ extern bool suppressDebug;
 void messageHandler(QtMsgType type, const char *msg);
 
 /**
- * A child process, without what keepwatch has chosen for itself: scheduling, ignored signals. A subclass in
- * any case, since for a plain QProcess Qt 5.15 clones in a way that takes a failure for a process with the id
- * -1: its kill() then kills every process there is.
- */
-class ChildProcess : public QProcess
-{
-protected:
-    void setupChildProcess();
-};
-
-/**
  * Runs "pgrep name" and returns the ids that it prints, in order; an empty list if it cannot be
  * started. Blocks until pgrep has ended or said nothing for 30000 ms. `process` is the caller's,
  * since a pgrep that hangs must live on: destroying it here would be a message of its own.
@@ -82,35 +70,5 @@ QStringList findProcesses(const QString &name, ChildProcess *process);
  * stands still the question is put 25 times, since its report, too, is late then.
  */
 void serveBus(const QString &service);
-
-// Qt 4 and Qt 5 part ways only here.
-#if QT_VERSION >= 0x050000
-#include <QLoggingCategory>
-/** Keeps logging rules of the environment away, which would drop lines. */
-inline void passAllMessages()
-{
-    QLoggingCategory::installFilter([](QLoggingCategory *category) {
-        // Debug messages of the library's own categories are off without a rule, too.
-        category->setEnabled(QtDebugMsg, qstrcmp(category->categoryName(), "default") == 0);
-        category->setEnabled(QtWarningMsg, true);
-        category->setEnabled(QtCriticalMsg, true);
-    });
-}
-inline void sendMessage(QtMsgType type, const QString &text)
-{
-    qt_message_output(type, QMessageLogContext(), text);
-}
-inline void makePrecise(QTimer &timer)
-{
-    timer.setTimerType(Qt::PreciseTimer);
-}
-#else
-inline void passAllMessages() { } // there are no rules
-inline void sendMessage(QtMsgType type, const QString &text)
-{
-    qt_message_output(type, text.toLocal8Bit().constData());
-}
-inline void makePrecise(QTimer &) { } // always is
-#endif
 
 #endif

@@ -7,9 +7,10 @@
 #include <QDBusInterface>
 #include <QFile>
 #include <QFileInfo>
-#include <QRegExp>
 #include <QSettings>
 #include <QTextStream>
+
+#include <dbus/dbus.h>
 
 static const int crashPeriodMs = 300000;
 static const int statusPeriodMs = 60000;
@@ -20,11 +21,10 @@ static const int killWaitMs = 3000;
 static const int processNameLength = 15; // of a name the kernel keeps no more
 static const quint64 outputLimit = 100000; // bytes a launch
 
-// The bus library ends the process when it is asked for a name that is none.
+// The bus library ends the process when it is asked for a name that is none. A unique name is no service.
 static bool isServiceName(const QString &service)
 {
-    static const QRegExp name(QLatin1String("[A-Za-z_-][A-Za-z0-9_-]*(\\.[A-Za-z_-][A-Za-z0-9_-]*)+"));
-    return service.size() <= 255 && name.exactMatch(service);
+    return !service.startsWith(QLatin1Char(':')) && dbus_validate_bus_name(service.toUtf8().constData(), 0);
 }
 
 template <typename Match> static Module *findModule(const QList<Module *> &modules, Match match)
@@ -281,7 +281,7 @@ bool Watchdog::launchModule(Module *module, const char *wording)
     connect(process, SIGNAL(readyRead()), SLOT(onReadStandardOutput()));
     process->start(module->path, QStringList(QString::number(module->crashCount)));
     if (process->waitForStarted(5000)) {
-        logInfo() << wording << baseName.constData() << "with pid" << qint64(process->pid());
+        logInfo() << wording << baseName.constData() << "with pid" << idOf(*process);
         // Not before: a process that could not be started is no crash.
         connect(process, SIGNAL(finished(int, QProcess::ExitStatus)),
                 SLOT(onProcessFinished(int, QProcess::ExitStatus)));
@@ -425,7 +425,7 @@ void Watchdog::onStatusTimer()
             continue;
         QString memory = QLatin1String("not watched");
         if (module->process)
-            readMemory(QString::fromLatin1("/proc/%1/status").arg(qint64(module->process->pid())), &memory);
+            readMemory(QString::fromLatin1("/proc/%1/status").arg(idOf(*module->process)), &memory);
         report << module->service << memory << QString::number(module->crashCount);
     }
     statusModule->interface->call(QLatin1String("updateKeepwatchInfo"), report);
