@@ -182,7 +182,7 @@ Logging::~Logging()
     instance = 0;
     closed = true;
     mutex.unlock();
-    serveBus(QString()); // what modules published while they were shut down
+    QCoreApplication::sendPostedEvents(this, QEvent::MetaCall); // lines of other threads
 
     if (telegramFile)
         telegramFile->close();

@@ -27,7 +27,7 @@ class Logging : public QObject
 public:
     /** Reads the logging settings, truncates the files that they name, logs the first line. */
     Logging();
-    /** Serves what the bus has queued for this object, then closes the files. */
+    /** Serves what other threads have queued for this object, then closes the files. */
     ~Logging();
 
     /** The one object; ends the process with a fatal message if there is none. */

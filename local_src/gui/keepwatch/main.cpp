@@ -2,6 +2,7 @@
 #include "main.h"
 
 #include "logging.h"
+#include "receiver.h"
 #include "watchdog.h"
 
 #include <QCoreApplication>
@@ -114,7 +115,7 @@ void serveBus(const QString &service)
     QDBusConnectionInterface *bus = QDBusConnection::sessionBus().interface();
     for (int question = 1; bus && question <= 100; ++question) {
         const QDBusReply<bool> owned = bus->isServiceRegistered(service);
-        if (owned.isValid() ? !owned.value() : service.isEmpty() || question >= 25)
+        if (owned.isValid() ? !owned.value() : question >= 25)
             break;
     }
     // On Qt 4 the first round takes the messages apart, the second delivers them.
@@ -211,11 +212,7 @@ int main(int argc, char **argv)
     // go on, since it frees the messages on another thread.
     dbus_connection_set_max_received_size(static_cast<DBusConnection *>(bus.internalPointer()), LONG_MAX);
     bus.interface()->setTimeout(1000); // in serveBus
-    // The signatures keep out what Qt would end the process over.
-    bus.connect(QString(), QString(), QLatin1String("com.qel.zarn5.log"), QLatin1String("log"),
-                QLatin1String("us"), &logging, SLOT(onMessage(uint, QString)));
-    bus.connect(QString(), QString(), QLatin1String("com.qel.zarn5.busmon"), QLatin1String("busmon"),
-                QLatin1String("s"), &logging, SLOT(onTelegrams(QString)));
+    Receiver receiver(&logging);
 
     const bool piped = pipe2(quitPipe, O_CLOEXEC | O_NONBLOCK) == 0;
     QSocketNotifier quitNotifier(quitPipe[0], QSocketNotifier::Read);

@@ -64,10 +64,10 @@ void messageHandler(QtMsgType type, const char *msg);
 QStringList findProcesses(const QString &name, ChildProcess *process);
 
 /**
- * Asks the bus until `service` has no owner, 100 times at most, or just once for an empty name; then serves
- * all that came in ahead of the last answer, the loss of the service included. Any slot may run inside, so a
- * caller touches nothing afterwards that one may change. An answer is waited for a second; to a bus that
- * stands still the question is put 25 times, since its report, too, is late then.
+ * Asks the bus until `service` has no owner, 100 times at most; then serves all that came in ahead of the
+ * last answer, the loss of the service included. Any slot may run inside, so a caller touches nothing
+ * afterwards that one may change. An answer is waited for a second; to a bus that stands still the question
+ * is put 25 times, since its report, too, is late then.
  */
 void serveBus(const QString &service);
 
