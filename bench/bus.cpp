@@ -1,7 +1,10 @@
 // What stands around a receiver of log lines on the bus, in bare libdbus.
 //   bus sink             the least that a receiver can do: one write a line
-//   bus send PID COUNT   publishes COUNT lines; prints µs of wall time and of PID's CPU a line, from the
-//                        first sent until the last stands in the log
+//   bus send PID COUNT LENGTH  publishes COUNT lines of LENGTH characters; prints µs of wall time and of
+//   PID's
+//                        CPU a line, from the first sent until the last stands in the log
+//   bus post COUNT       publishes COUNT lines of 80 characters and waits for nobody
+//   bus flood LENGTH     publishes lines of LENGTH characters without end
 //   bus wait PID TEXT    waits until TEXT stands at the end of the log; prints µs of PID's CPU so far
 // The log is the file "log" in the working folder.
 #include <dbus/dbus.h>
@@ -50,42 +53,49 @@ static void await(const std::string &text)
     }
 }
 
-static void publish(DBusConnection *bus, const char *text)
+// With its number at both ends, in `length` characters.
+static std::string publish(DBusConnection *bus, int number, size_t length)
 {
     timespec time;
     clock_gettime(CLOCK_REALTIME, &time);
     tm local;
     localtime_r(&time.tv_sec, &local);
-    char buffer[128];
-    const size_t size = strftime(buffer, sizeof buffer, "(%Y-%m-%d %H:%M:%S", &local);
-    snprintf(buffer + size, sizeof buffer - size, ".%03ld) bench          : %s", time.tv_nsec / 1000000,
-             text);
+    char head[128], tail[16];
+    const size_t size = strftime(head, sizeof head, "(%Y-%m-%d %H:%M:%S", &local);
+    snprintf(head + size, sizeof head - size, ".%03ld) bench          : load %06d ", time.tv_nsec / 1000000,
+             number);
+    snprintf(tail, sizeof tail, " %06d", number);
+    std::string text = head;
+    text.resize(length - strlen(tail), 'x');
+    text += tail;
 
     const dbus_uint32_t level = 5;
-    const char *line = buffer;
+    const char *line = text.c_str();
     DBusMessage *message = dbus_message_new_signal("/", "com.qel.zarn5.log", "log");
     dbus_message_append_args(message, DBUS_TYPE_UINT32, &level, DBUS_TYPE_STRING, &line, DBUS_TYPE_INVALID);
     dbus_connection_send(bus, message, 0);
     dbus_message_unref(message);
+    // Else libdbus would keep all that the bus takes too slowly.
+    if (dbus_connection_get_outgoing_size(bus) > 100000)
+        dbus_connection_flush(bus);
+    return tail;
 }
 
-static void send(DBusConnection *bus, clockid_t cpu, int count)
+static void send(DBusConnection *bus, clockid_t cpu, int count, size_t length)
 {
+    std::string end;
     do { // nothing else tells when the receiver has subscribed
-        publish(bus, "probe");
+        end = publish(bus, 0, 80);
         dbus_connection_flush(bus);
         usleep(20000);
-    } while (!logEndsWith("probe"));
+    } while (!logEndsWith(end));
 
     const double wallStart = now(CLOCK_MONOTONIC);
     const double cpuStart = now(cpu);
-    char text[64];
-    for (int i = 1; i <= count; ++i) { // 80 characters a line
-        snprintf(text, sizeof text, "load %05d abcdefghijklmnopqrstuvwxyz", i);
-        publish(bus, text);
-    }
+    for (int i = 1; i <= count; ++i)
+        end = publish(bus, i, length);
     dbus_connection_flush(bus);
-    await(text);
+    await(end);
     printf("wall %f\ncpu %f\n", (now(CLOCK_MONOTONIC) - wallStart) / count, (now(cpu) - cpuStart) / count);
 }
 
@@ -96,7 +106,7 @@ static DBusHandlerResult onSignal(DBusConnection *, DBusMessage *message, void *
     if (!dbus_message_get_args(message, 0, DBUS_TYPE_UINT32, &level, DBUS_TYPE_STRING, &text,
                                DBUS_TYPE_INVALID))
         return DBUS_HANDLER_RESULT_NOT_YET_HANDLED;
-    char line[256];
+    static char line[1 << 18];
     const int size = snprintf(line, sizeof line, "[%05i]    %s\n", 0, text);
     if (write(*static_cast<int *>(log), line, size) != size)
         fail("the log cannot be written");
@@ -112,11 +122,11 @@ static void sink(DBusConnection *bus)
     while (dbus_connection_read_write_dispatch(bus, -1)) { }
 }
 
-int main(int argc, char **argv)
+int main(int, char **argv)
 {
     const std::string work = argv[1];
     clockid_t cpu;
-    if (argc > 2 && clock_getcpuclockid(atoi(argv[2]), &cpu) != 0)
+    if ((work == "send" || work == "wait") && clock_getcpuclockid(atoi(argv[2]), &cpu) != 0)
         fail("no receiver");
     if (work == "wait") {
         await(argv[3]);
@@ -126,6 +136,12 @@ int main(int argc, char **argv)
     DBusConnection *bus = dbus_bus_get(DBUS_BUS_SESSION, 0);
     if (!bus)
         fail("no session bus");
-    work == "sink" ? sink(bus) : send(bus, cpu, atoi(argv[3]));
+    if (work == "sink")
+        sink(bus);
+    else if (work == "send")
+        send(bus, cpu, atoi(argv[3]), atoi(argv[4]));
+    for (int i = 1; work == "flood" || (work == "post" && i <= atoi(argv[2])); ++i)
+        publish(bus, i % 1000000, work == "flood" ? atoi(argv[2]) : 80);
+    dbus_connection_flush(bus);
     return 0;
 }

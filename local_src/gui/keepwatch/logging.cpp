@@ -147,10 +147,12 @@ static bool isAscii(const QString &text)
 // needs no such detour.
 static QString formatLine(const char *format, int delay, const QString &message)
 {
-    char frame[32];
-    const int size = qsnprintf(frame, sizeof frame, format, delay, "");
-    QString line = QString::fromLatin1(frame, size - 1);
-    line.reserve(size + message.size());
+    char head[32];
+    const int size = qsnprintf(head, sizeof head, format, delay, "") - 1;
+    head[size] = '\0'; // the line end goes behind the message
+    QString line;
+    line.reserve(size + message.size() + 1);
+    line += QLatin1String(head);
     line += isAscii(message) ? message : QString::fromUtf8(message.toLocal8Bit().constData());
     return line += QLatin1Char('\n');
 }

@@ -74,6 +74,8 @@ void Receiver::open()
 
 void Receiver::close()
 {
+    if (!dbus_connection_get_is_connected(connection)) // a bus does that to whoever lets too much wait
+        logWarning() << "cut off from the bus: lines are lost";
     notifier->setEnabled(false); // ahead of its descriptor's end
     notifier->deleteLater(); // it may be in the middle of its own signal
     dbus_connection_close(connection);
@@ -87,11 +89,8 @@ void Receiver::onReadable()
     while (dbus_connection_dispatch(connection) == DBUS_DISPATCH_DATA_REMAINS) { }
     if (dbus_connection_get_is_connected(connection))
         return;
-    // A bus cuts off whoever lets too much wait.
     close();
     open();
-    if (connection)
-        logWarning() << "cut off from the bus, lines are lost";
-    else
-        logWarning() << "cut off from the bus, and there is none any more: no more lines come";
+    if (!connection)
+        logWarning() << "there is no bus any more: no lines come until the next start";
 }
