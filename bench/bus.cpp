@@ -3,7 +3,7 @@
 //   bus send PID COUNT LENGTH  publishes COUNT lines of LENGTH characters; prints µs of wall time and of
 //   PID's
 //                        CPU a line, from the first sent until the last stands in the log
-//   bus post COUNT       publishes COUNT lines of 80 characters and waits for nobody
+//   bus post COUNT LENGTH  publishes COUNT lines of LENGTH characters and waits for nobody
 //   bus flood LENGTH     publishes lines of LENGTH characters without end
 //   bus wait PID TEXT    waits until TEXT stands at the end of the log; prints µs of PID's CPU so far
 // The log is the file "log" in the working folder.
@@ -141,7 +141,7 @@ int main(int, char **argv)
     else if (work == "send")
         send(bus, cpu, atoi(argv[3]), atoi(argv[4]));
     for (int i = 1; work == "flood" || (work == "post" && i <= atoi(argv[2])); ++i)
-        publish(bus, i % 1000000, work == "flood" ? atoi(argv[2]) : 80);
+        publish(bus, i % 1000000, atoi(argv[work == "flood" ? 2 : 3]));
     dbus_connection_flush(bus);
     return 0;
 }

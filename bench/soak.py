@@ -1,9 +1,9 @@
 #!/usr/bin/python3
-# What bench/soak does within its stage: soak.py DAEMON SECONDS SEED. Each step is drawn before the first is taken.
+# What bench/soak does within its stage: soak.py DAEMON PUBLISHER SECONDS SEED. Each step is drawn before the first is taken.
 import contextlib, datetime, os, random, re, shutil, signal, subprocess, sys, tempfile, time
 import dbus, dbus.lowlevel
 
-executable, seconds, seed = sys.argv[1], int(sys.argv[2]), int(sys.argv[3])
+executable, publisher, seconds, seed = sys.argv[1], sys.argv[2], int(sys.argv[3]), int(sys.argv[4])
 names = "gui", "uartinterface"
 bus_pid = int(os.environ["BUS_PID"])
 bus = dbus.SessionBus()
@@ -11,6 +11,8 @@ bus.set_exit_on_disconnect(False)
 bus_runs = True
 published = 0
 ended = {}  # the processes that were made to end, and their modules
+storms = 0
+strangers = []  # the processes that make them
 full = []  # for each full disk: the last line logged before, the last line published until there was room again
 
 
@@ -74,8 +76,8 @@ def process_of(name):
     return None
 
 
-def tail():
-    return read("disk/log", max(0, os.stat("disk/log").st_size - 1000000))
+def tail(size=1000000):
+    return read("disk/log", max(0, os.stat("disk/log").st_size - size))
 
 
 def numbers(text):
@@ -133,7 +135,7 @@ def resize(size):
 
 
 def fill():
-    full.append([max(numbers(tail()), default=0), None])
+    full.append([max(numbers(tail(30000000)), default=0), None])  # storms stand between
     for _ in range(100):  # it may grow meanwhile
         disk = os.statvfs("disk")
         if resize((disk.f_blocks - disk.f_bfree) * disk.f_frsize):
@@ -166,6 +168,13 @@ def talk(name, size):
         os.kill(pid, signal.SIGWINCH)
 
 
+def storm(lines, length):
+    """Somebody else publishes as fast as the bus takes it."""
+    global storms
+    storms += 1
+    strangers.append(subprocess.Popen([publisher, "post", str(lines), str(length)]))
+
+
 def draw_steps():
     """Rounds of all kinds, in any order: (seconds from the start, step, its arguments)."""
     draw = random.Random(seed)
@@ -177,6 +186,9 @@ def draw_steps():
             now += draw.uniform(0, 6)
             later = now + draw.uniform(0.1, 6)
             name, other = draw.sample(names, 2)
+            if kind in ("end", "newborns", "both", "leave", "stop"):
+                lines, length = draw.choice([(30000, 80), (300, 20000)])
+                steps.append((max(0, now - draw.uniform(0, 0.5)), storm, draw.randint(1, lines), length))
             if kind == "end":
                 steps.append((now, end, name, draw.choice([signal.SIGKILL, signal.SIGTERM])))
             elif kind == "newborns":
@@ -255,6 +267,8 @@ def run():
         log(f"step {step.__name__} {arguments}")
         step(*arguments)
 
+    for stranger in strangers:
+        expect("a storm does not end", lambda: stranger.poll() is not None)
     # All good again; then a last end of both, so that their output is read again too.
     expect("a module is missing", lambda: all(process_of(name) for name in names))
     position = os.stat("disk/log").st_size
@@ -282,7 +296,8 @@ def judge(before, after, crashes, status):
 |---|---|
 | ends made; reported, counted, relaunched by keepwatch | {ends}; {counted}, {crashes}, {relaunches} |
 | releases after them | {releases} |
-| lines published; in the log | {published}; {len(logged)} |
+| storms of up to 30,000 lines, or of 300 lines of 20 kB, beside them | {storms} |
+| numbered lines published; in the log | {published}; {len(logged)} |
 | lines that found no room on the full disk; lost; out of order | {len(no_room)}; {lost}; {disorder} |""")
     for what, index in ("memory, MB", 0), ("descriptors", 1), ("children", 2):
         print(f"| {what}: at the start; at the end | {before[index]}; {after[index]} |")
