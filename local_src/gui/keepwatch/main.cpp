@@ -151,6 +151,7 @@ static void setUpSignals()
     sigset_t none;
     sigemptyset(&none);
     sigprocmask(SIG_SETMASK, &none, 0);
+    signal(SIGCHLD, SIG_DFL); // ignored, it takes the exit status of a child away
     signal(SIGINT, SIG_DFL); // until there is a handler: a shell may have it ignored
     // What nobody reads, or what a file may not grow by, is lost as on a full disk. A handler, since modules
     // would inherit SIG_IGN.

@@ -3,12 +3,14 @@
 #include "logging.h"
 #include "main.h"
 
-#include <QElapsedTimer>
+#include <QDBusConnectionInterface>
 #include <QSocketNotifier>
+#include <QTimer>
 
 #include <dbus/dbus.h>
 
 static const int farewellMs = 25000;
+static const int reopenMs = 1000;
 
 // Whatever has another signature is passed over. Nothing is kept from the library, which answers strangers'
 // calls.
@@ -67,7 +69,13 @@ void Receiver::open()
     dbus_bus_add_match(connection, "type='signal',interface='com.qel.zarn5.log',member='log'", 0);
     dbus_bus_add_match(connection, "type='signal',interface='com.qel.zarn5.busmon',member='busmon'", 0);
     int descriptor = -1;
-    dbus_connection_get_unix_fd(connection, &descriptor);
+    if (!dbus_connection_get_unix_fd(connection, &descriptor)) { // cut off by now
+        dbus_connection_close(connection);
+        dbus_connection_unref(connection);
+        connection = 0;
+        return;
+    }
+    opened.start();
     notifier = new QSocketNotifier(descriptor, QSocketNotifier::Read, this);
     connect(notifier, SIGNAL(activated(int)), SLOT(onReadable()));
 }
@@ -90,7 +98,22 @@ void Receiver::onReadable()
     if (dbus_connection_get_is_connected(connection))
         return;
     close();
-    open();
-    if (!connection)
+    if (opened.elapsed() >= reopenMs)
+        reopen();
+    else // a bus that cuts each connection off at once
+        QTimer::singleShot(reopenMs, this, SLOT(reopen()));
+}
+
+// Opening waits for a bus that stands still without a limit, so the bus is asked first.
+void Receiver::reopen()
+{
+    const QDBusConnection bus = QDBusConnection::sessionBus();
+    if (!bus.isConnected()) {
         logWarning() << "there is no bus any more: no lines come until the next start";
+        return;
+    }
+    if (bus.interface()->isServiceRegistered(QLatin1String(DBUS_SERVICE_DBUS)).isValid())
+        open();
+    if (!connection)
+        QTimer::singleShot(reopenMs, this, SLOT(reopen()));
 }

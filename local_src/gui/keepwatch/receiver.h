@@ -2,6 +2,7 @@
 #ifndef RECEIVER_H
 #define RECEIVER_H
 
+#include <QElapsedTimer>
 #include <QObject>
 
 class Logging;
@@ -26,6 +27,7 @@ public:
 
 private slots:
     void onReadable();
+    void reopen();
 
 private:
     void open();
@@ -33,6 +35,7 @@ private:
 
     Logging *logging;
     DBusConnection *connection; ///< owned; null without a bus
+    QElapsedTimer opened;
     QSocketNotifier *notifier; ///< child of this object; of use while there is a connection
 };
 
