@@ -3,7 +3,7 @@ create database torvi;
 
 -- The day is that of the file, which is the collector's; all stamps are text, since a device may write no date.
 create table torvi.lines (day Date, device String, time String, level String, delay_ms Nullable(Int64),
-    name String, text String) engine = MergeTree partition by day order by (device, time);
+    name String, text String, key String) engine = MergeTree partition by day order by (device, time);
 
 -- The same on every server of the cluster in torvi.xml. A question to it fails if one of them is away.
 create table torvi.fleetlines as torvi.lines engine = Distributed(torvi, torvi, lines);
