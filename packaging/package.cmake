@@ -27,6 +27,8 @@ install(FILES README.md doc/operating.md doc/modules.md doc/module.xml packaging
 install(DIRECTORY doc/examples DESTINATION ${CMAKE_INSTALL_DOCDIR})
 install(DIRECTORY packaging/rsyslog DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples
   USE_SOURCE_PERMISSIONS FILES_MATCHING PATTERN "*.conf" PATTERN "*.sql" PATTERN "certificates" PATTERN "shorten" PATTERN "README.md")
+install(DIRECTORY packaging/clickhouse DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples
+  USE_SOURCE_PERMISSIONS PATTERN "trial" EXCLUDE)
 install(DIRECTORY packaging/prometheus DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples
   USE_SOURCE_PERMISSIONS PATTERN "trial*" EXCLUDE)
 install(PROGRAMS packaging/busybox-init tools/backoff tools/zarn5-module-check
