@@ -14,11 +14,11 @@ function(install_gzipped file directory)
 endfunction()
 
 install(TARGETS keepwatch zarn5-check RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
-install(PROGRAMS tools/zarn5-bus tools/zarn5-oldlog tools/zarn5-plot tools/zarn5-state
+install(PROGRAMS tools/zarn5-alive tools/zarn5-bus tools/zarn5-calls tools/zarn5-oldlog tools/zarn5-plot tools/zarn5-state
   DESTINATION ${CMAKE_INSTALL_BINDIR})
 install(FILES packaging/keepwatch.service DESTINATION lib/systemd/user)
 install(FILES packaging/dbus.service.d/keepwatch.conf DESTINATION lib/systemd/user/dbus.service.d)
-foreach(page keepwatch zarn5-bus zarn5-check zarn5-oldlog zarn5-plot zarn5-state)
+foreach(page keepwatch zarn5-alive zarn5-bus zarn5-check zarn5-oldlog zarn5-plot zarn5-state)
   install_gzipped(packaging/${page}.8 ${CMAKE_INSTALL_MANDIR}/man8)
 endforeach()
 install_gzipped(packaging/keepwatch.conf.5 ${CMAKE_INSTALL_MANDIR}/man5)
