@@ -9,9 +9,11 @@
 #include <QElapsedTimer>
 #include <QFile>
 #include <QFileInfo>
+#include <QMap>
 #include <QSettings>
 #include <QStringList>
 
+#include <cctype>
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
@@ -20,19 +22,27 @@
 #include <dbus/dbus.h>
 #include <regex.h>
 #include <sys/stat.h>
+#include <sys/statvfs.h>
 #include <unistd.h>
 
 static const int processNameLength = 15; // of a name the kernel keeps no more
 static const int settingsBytes = 1000000; // taking a large file to pieces may use all memory
 static const int patienceMs = 10000; // with a command, or with the bus
 static const int commandBytes = 1000000; // of output
+static const quint64 roomBytes = 1000000; // of a file system that is not full
 
-static QStringList faults; // printed behind the settings
+static QStringList notes; // what is worth knowing, and no fault
+static QStringList faults; // printed behind the settings and the notes
 
 // `what` refers to `texts` as %2, %3.
 template <typename... Texts> static void fault(const QString &where, const char *what, const Texts &...texts)
 {
     faults << QString::fromLatin1(QByteArray("fault: %1: ") + what).arg(where, texts...);
+}
+
+template <typename... Texts> static void note(const QString &where, const char *what, const Texts &...texts)
+{
+    notes << QString::fromLatin1(QByteArray("note: %1: ") + what).arg(where, texts...);
 }
 
 // One line, whatever the text.
@@ -189,6 +199,72 @@ static QStringList settingsFiles()
     return files;
 }
 
+// The end of the line at `start`, as the library takes it: a quoted text and what stands behind a backslash
+// go on over line ends, and a comment begins anew. `equals`: the first = outside of quotes, -1 for none.
+static int endOfLine(const QByteArray &data, int start, int *equals)
+{
+    const bool comment = data.at(start) == ';';
+    bool quoted = false;
+    int i = start;
+    *equals = -1;
+    for (; i < data.size(); ++i) {
+        const char c = data.at(i);
+        if (!quoted && (c == '\n' || c == '\r' || (c == ';' && !comment)))
+            break;
+        if (comment)
+            continue;
+        if (c == '"')
+            quoted = !quoted;
+        else if (c == '=' && !quoted && *equals < 0)
+            *equals = i - start;
+        else if (c == '\\')
+            i += data.mid(i + 1, 2) == "\r\n" || data.mid(i + 1, 2) == "\n\r" ? 2 : 1;
+    }
+    return qMin(i, int(data.size()));
+}
+
+// Faults, each with its number, lines that the library passes over and keys that it takes from another line.
+static void checkLines(const QString &file, const QByteArray &data)
+{
+    QMap<QByteArray, int> seen; // section, or section and key: the last line that has it
+    QByteArray section;
+    int number = 1;
+    for (int start = 0, end; start < data.size(); start = end) {
+        const char first = data.at(start);
+        if (isspace(static_cast<unsigned char>(first))) {
+            number += first == '\n';
+            end = start + 1;
+            continue;
+        }
+        int equals;
+        end = endOfLine(data, start, &equals);
+        const QByteArray line = data.mid(start, end - start);
+        const QString where = file + QLatin1Char(':') + QString::number(number);
+        const int bracket = line.indexOf(']');
+        number += line.count('\n');
+        if (first == ';')
+            continue;
+        if (first == '[' ? bracket < 0 : equals < 0) {
+            fault(where, "reads as neither [section] nor key=value; correct it or put ; in front");
+            continue;
+        }
+        if (line.count('\n') > 0)
+            fault(where, "goes on over the line end; close its quotes, and end it with no \\");
+        if (first == '[')
+            section = line.left(bracket + 1);
+        const QByteArray name = first == '[' ? section : section + line.left(equals).trimmed();
+        if (const int before = seen.value(name)) {
+            if (first == '[')
+                note(where, "%2 stands in line %3 too, and the keys of both count",
+                     QString::fromUtf8(name.constData()), QString::number(before));
+            else
+                fault(where, "key \"%2\" stands in line %3 too, which is ignored; take one out",
+                      QString::fromUtf8(line.left(equals).trimmed().constData()), QString::number(before));
+        }
+        seen[name] = number - int(line.count('\n'));
+    }
+}
+
 // False if reading the files might take all memory or never end.
 static bool checkSettingsFiles(const QStringList &files)
 {
@@ -210,12 +286,46 @@ static bool checkSettingsFiles(const QStringList &files)
         settings.allKeys(); // reads it to its end
         if (settings.status() == QSettings::AccessError)
             fault(file, "cannot be read, and is ignored; see to its rights");
-        else if (settings.status() == QSettings::FormatError)
-            fault(file, "a line reads as neither [section] nor key=value; correct it or put ; in front");
+        QFile lines(file);
+        if (lines.open(QIODevice::ReadOnly))
+            checkLines(file, lines.readAll().replace("\xef\xbb\xbf", "")); // what an editor may put in front
     }
     if (!found)
         print(QLatin1String("settings: none found, looked for ") + files.join(QLatin1String(", ")));
     return true;
+}
+
+// What a shell, or another form of settings, would make of a path that leads nowhere. False if nothing.
+static bool faultMisreading(const QString &where, const QString &path)
+{
+    const QString first = path.section(QLatin1Char(' '), 0, 0);
+    if (path.startsWith(QLatin1Char('~')))
+        fault(where, "~ is not replaced by the home directory; write that itself");
+    else if (path.contains(QLatin1Char('$')))
+        fault(where, "$ is not replaced by a variable; write its value itself");
+    else if (path.contains(QLatin1String(" #")))
+        fault(where, "# begins no comment here, and belongs to the path; put the comment behind a ;");
+    else if (path.startsWith(QLatin1Char('\'')))
+        fault(where, "' belongs to the path; put double quotes, or none");
+    else if (first != path && QFileInfo(first).isFile())
+        fault(where, "arguments cannot be given, and belong to the path; name a script that gives them");
+    else
+        return false;
+    return true;
+}
+
+static void checkRoom(const QString &where, const QFileInfo &target)
+{
+    struct statvfs room;
+    const QString folder = target.path();
+    if (statvfs(QFile::encodeName(folder).constData(), &room) != 0 || room.f_blocks == 0)
+        return; // a file system without end
+    const quint64 bytes = quint64(room.f_bavail) * room.f_frsize;
+    if (bytes < roomBytes)
+        fault(where, "the file system of \"%2\" has %3 kB left, and lines will be lost; make room", folder,
+              QString::number(bytes / 1000));
+    else if (room.f_files > 0 && room.f_favail == 0 && !target.exists())
+        fault(where, "the file system of \"%2\" takes no more files, and lines are lost; make room", folder);
 }
 
 static void checkLogFile(const QString &where, const QString &path)
@@ -231,11 +341,17 @@ static void checkLogFile(const QString &where, const QString &path)
             fault(where, "is a FIFO, and the start waits until somebody reads it; name a file");
         else if (!allows(path, W_OK))
             fault(where, "cannot be written (%2), and lines are lost; see to its rights", systemError());
+        else if (S_ISREG(status.st_mode))
+            checkRoom(where, target);
+    } else if (errno == ENOENT && faultMisreading(where, path)) {
+        return;
     } else if (errno != ENOENT) {
         fault(where, "cannot be opened (%2), and lines are lost; correct it", systemError());
     } else if (!allows(target.path(), W_OK | X_OK)) {
         fault(where, "cannot be made in folder \"%2\" (%3), and lines are lost; make or correct that",
               target.path(), systemError());
+    } else {
+        checkRoom(where, target);
     }
 }
 
@@ -353,6 +469,99 @@ static bool run(const QString &program, const QStringList &arguments, QStringLis
     return true;
 }
 
+struct Process
+{
+    QString name;
+    char state;
+    int parent;
+};
+
+// What the kernel says of a process; without a name if there is none.
+static Process readProcess(int id)
+{
+    Process process = { QString(), 0, 0 };
+    QFile file(QString::fromLatin1("/proc/%1/stat").arg(id));
+    if (!file.open(QIODevice::ReadOnly))
+        return process;
+    const QByteArray stat = file.readAll();
+    const int begin = stat.indexOf('(') + 1, end = stat.lastIndexOf(')'); // either may be in the name, too
+    if (begin < 1 || sscanf(stat.constData() + end, ") %c %d", &process.state, &process.parent) != 2)
+        return process;
+    process.name = QString::fromLocal8Bit(stat.mid(begin, end - begin).constData());
+    return process;
+}
+
+// The keepwatch that runs: to look at its next start it counts as ended, with all below it.
+static int running;
+
+static bool belongsToRunning(int id)
+{
+    while (id > 1 && id != running)
+        id = readProcess(id).parent;
+    return running && id == running;
+}
+
+// What surrounds a process that runs; empty if this user may not know.
+static QString surrounding(const QList<QByteArray> &environment, const QByteArray &variable)
+{
+    for (const QByteArray &line : environment) {
+        if (line.startsWith(variable + '='))
+            return QFile::decodeName(line.mid(variable.size() + 1));
+    }
+    return QString();
+}
+
+// Notes it, and in what its surroundings differ from ours.
+static void findRunning()
+{
+    for (const QString &entry : QDir(QLatin1String("/proc")).entryList(QDir::Dirs)) {
+        const int id = entry.toInt();
+        struct stat status;
+        if (id <= 0 || stat(QFile::encodeName(QLatin1String("/proc/") + entry).constData(), &status) != 0)
+            continue;
+        const Process process = readProcess(id);
+        if (process.name != QLatin1String("keepwatch") || process.state == 'Z'
+            || readProcess(process.parent).name == process.name) // its child, on the way to be a module
+            continue;
+        running = id;
+        const QString folder = QLatin1String("/proc/") + entry;
+        char program[4096];
+        const ssize_t size = readlink(QFile::encodeName(folder + QLatin1String("/exe")).constData(), program,
+                                      sizeof program);
+        const QString path = QFile::decodeName(QByteArray(program, int(qMax(size, ssize_t(0)))));
+        const QLatin1String where("keepwatch");
+        if (status.st_uid != getuid())
+            return fault(where,
+                         "process %2 is %3's, whose rights, home and settings count; run this as that user",
+                         entry, QFileInfo(folder).owner());
+        note(where, "runs as process %2 (%3); this is about its next start", entry, path);
+        if (path.endsWith(QLatin1String(" (deleted)")))
+            note(where, "process %2 is still the program of before an upgrade; restart it", entry);
+        const QString directory = QFileInfo(folder + QLatin1String("/cwd")).symLinkTarget();
+        if (!directory.isEmpty() && directory != QDir::currentPath())
+            note(where, "it runs in %2, and relative paths are looked at from %3; go there first", directory,
+                 QDir::currentPath());
+        QFile file(folder + QLatin1String("/environ"));
+        if (!file.open(QIODevice::ReadOnly))
+            return;
+        const QList<QByteArray> environment = file.readAll().split('\0');
+        const char *const variables[] = { "HOME", "XDG_CONFIG_HOME", "XDG_CONFIG_DIRS" };
+        for (const char *variable : variables) {
+            const QString its = surrounding(environment, variable),
+                          ours = QFile::decodeName(qgetenv(variable));
+            if (its != ours)
+                note(QLatin1String(variable), "is \"%2\" for the keepwatch that runs and \"%3\" here", its,
+                     ours);
+        }
+        const QString bus = surrounding(environment, "DBUS_SESSION_BUS_ADDRESS");
+        if (qgetenv("DBUS_SESSION_BUS_ADDRESS").isEmpty() && !bus.isEmpty()) {
+            qputenv("DBUS_SESSION_BUS_ADDRESS", QFile::encodeName(bus));
+            note(QLatin1String("DBUS_SESSION_BUS_ADDRESS"), "is not set; taken from the keepwatch that runs");
+        }
+        return;
+    }
+}
+
 // Asks pgrep as keepwatch does, and faults every process that it finds. False if asking again is of no use.
 static bool checkProcesses(const QString &where, const QString &pattern, bool ours, const char *what)
 {
@@ -366,9 +575,10 @@ static bool checkProcesses(const QString &where, const QString &pattern, bool ou
                   "prints \"%2\", which is no process; see which one PATH finds", id);
             return false;
         }
-        QFile name(QString::fromLatin1("/proc/%1/comm").arg(number));
-        if (number != getpid() && name.open(QIODevice::ReadOnly) && (!ours || kill(number, 0) == 0))
-            fault(where, what, id, QString::fromLocal8Bit(name.readAll().trimmed()));
+        const QString name = readProcess(number).name;
+        if (number != getpid() && !name.isEmpty() && (!ours || kill(number, 0) == 0)
+            && !belongsToRunning(number))
+            fault(where, what, id, name);
     }
     return true;
 }
@@ -394,8 +604,9 @@ static Module checkModule(Settings *settings, const QString &name)
     checkService(settings->where(serviceKey), module.service);
     module.place = settings->where(pathKey);
     if (!QFile(path).exists()) {
-        fault(module.place,
-              "there is no such file, and the module is left out; correct it or the working directory");
+        if (!faultMisreading(module.place, path))
+            fault(module.place,
+                  "there is no such file, and the module is left out; correct it or the working directory");
         return module;
     }
     module.processName = QFileInfo(path).fileName().left(processNameLength);
@@ -457,9 +668,12 @@ static void checkBus()
               bus.lastError().message());
 }
 
-// Whether there were any.
-static bool printFaults()
+// Whether there were any faults.
+static bool printFindings()
 {
+    for (const QString &line : notes)
+        print(line);
+    notes.clear();
     const bool any = !faults.isEmpty();
     for (const QString &line : faults)
         print(line);
@@ -481,6 +695,8 @@ int main(int argc, char **argv)
     QCoreApplication application(argc, argv);
     keepLettersWithoutLocale();
 
+    print(QLatin1String("version: " VERSION ", as the keepwatch that was installed with this program"));
+    findRunning();
     const QStringList files = settingsFiles();
     if (checkSettingsFiles(files)) {
         Settings settings(files);
@@ -488,9 +704,9 @@ int main(int argc, char **argv)
         checkModules(&settings);
         settings.findUnknown();
     }
-    bool faulty = printFaults(); // while it is sure that this comes to its end
+    bool faulty = printFindings(); // while it is sure that this comes to its end
     checkBus();
-    faulty = printFaults() || faulty;
+    faulty = printFindings() || faulty;
     if (!faulty)
         puts("no fault found");
     return faulty ? 1 : 0;
