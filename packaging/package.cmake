@@ -26,7 +26,7 @@ install_gzipped(packaging/changelog ${CMAKE_INSTALL_DOCDIR})
 install(FILES README.md doc/operating.md doc/modules.md doc/module.xml packaging/copyright DESTINATION ${CMAKE_INSTALL_DOCDIR})
 install(DIRECTORY doc/examples DESTINATION ${CMAKE_INSTALL_DOCDIR})
 install(DIRECTORY packaging/rsyslog DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples
-  USE_SOURCE_PERMISSIONS FILES_MATCHING PATTERN "*.conf" PATTERN "*.sql" PATTERN "certificates" PATTERN "shorten" PATTERN "README.md")
+  USE_SOURCE_PERMISSIONS PATTERN "trial" EXCLUDE)
 install(DIRECTORY packaging/clickhouse DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples
   USE_SOURCE_PERMISSIONS PATTERN "trial" EXCLUDE)
 install(DIRECTORY packaging/prometheus DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples
