@@ -335,6 +335,10 @@ private slots:
         dog->onCyclicTimer();
         note("nobody is awaited");
         for (quint32 state : { 2, 5 }) {
+            build(false, state);
+            dog->modules[1]->start = false;
+            dog->onCyclicTimer();
+            note("one is started by something else");
             build(true, state);
             QFile::setPermissions("zarn5_gui", QFile::ReadOwner);
             dog->onCyclicTimer();
