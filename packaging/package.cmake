@@ -33,6 +33,7 @@ install(DIRECTORY packaging/prometheus DESTINATION ${CMAKE_INSTALL_DOCDIR}/examp
   USE_SOURCE_PERMISSIONS PATTERN "trial*" EXCLUDE)
 install(PROGRAMS packaging/busybox-init tools/backoff tools/zarn5-module-check
   DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples)
+install(DIRECTORY packaging/supervisors DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples USE_SOURCE_PERMISSIONS)
 install(FILES tools/lnav.json DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples)
 
 set(CPACK_GENERATOR DEB)
