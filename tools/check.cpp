@@ -240,8 +240,8 @@ static void checkLines(const QString &file, const QByteArray &data)
         end = endOfLine(data, start, &equals);
         const QByteArray line = data.mid(start, end - start);
         const QString where = file + QLatin1Char(':') + QString::number(number);
-        const int bracket = line.indexOf(']');
-        number += line.count('\n');
+        const int bracket = int(line.indexOf(']'));
+        number += int(line.count('\n'));
         if (first == ';')
             continue;
         if (first == '[' ? bracket < 0 : equals < 0) {
@@ -484,7 +484,8 @@ static Process readProcess(int id)
     if (!file.open(QIODevice::ReadOnly))
         return process;
     const QByteArray stat = file.readAll();
-    const int begin = stat.indexOf('(') + 1, end = stat.lastIndexOf(')'); // either may be in the name, too
+    const int begin = int(stat.indexOf('(')) + 1,
+              end = int(stat.lastIndexOf(')')); // either may be in the name, too
     if (begin < 1 || sscanf(stat.constData() + end, ") %c %d", &process.state, &process.parent) != 2)
         return process;
     process.name = QString::fromLocal8Bit(stat.mid(begin, end - begin).constData());
