@@ -23,7 +23,7 @@ foreach(page keepwatch zarn5-alive zarn5-bus zarn5-check zarn5-oldlog zarn5-plot
 endforeach()
 install_gzipped(packaging/keepwatch.conf.5 ${CMAKE_INSTALL_MANDIR}/man5)
 install_gzipped(packaging/changelog ${CMAKE_INSTALL_DOCDIR})
-install(FILES README.md doc/operating.md doc/modules.md doc/module.xml packaging/copyright DESTINATION ${CMAKE_INSTALL_DOCDIR})
+install(FILES README.md doc/operating.md doc/modules.md doc/porting.md doc/module.xml packaging/copyright DESTINATION ${CMAKE_INSTALL_DOCDIR})
 install(DIRECTORY doc/examples DESTINATION ${CMAKE_INSTALL_DOCDIR})
 install(DIRECTORY packaging/rsyslog DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples
   USE_SOURCE_PERMISSIONS PATTERN "trial" EXCLUDE)
