@@ -14,11 +14,11 @@ function(install_gzipped file directory)
 endfunction()
 
 install(TARGETS keepwatch zarn5-check RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
-install(PROGRAMS tools/zarn5-alive tools/zarn5-bus tools/zarn5-calls tools/zarn5-oldlog tools/zarn5-plot tools/zarn5-state
+install(PROGRAMS tools/zarn5-alive tools/zarn5-bus tools/zarn5-calls tools/zarn5-module-check tools/zarn5-oldlog tools/zarn5-plot tools/zarn5-state
   DESTINATION ${CMAKE_INSTALL_BINDIR})
 install(FILES packaging/keepwatch.service DESTINATION lib/systemd/user)
 install(FILES packaging/dbus.service.d/keepwatch.conf DESTINATION lib/systemd/user/dbus.service.d)
-foreach(page keepwatch zarn5-alive zarn5-bus zarn5-check zarn5-oldlog zarn5-plot zarn5-state)
+foreach(page keepwatch zarn5-alive zarn5-bus zarn5-check zarn5-module-check zarn5-oldlog zarn5-plot zarn5-state)
   install_gzipped(packaging/${page}.8 ${CMAKE_INSTALL_MANDIR}/man8)
 endforeach()
 install_gzipped(packaging/keepwatch.conf.5 ${CMAKE_INSTALL_MANDIR}/man5)
@@ -31,9 +31,9 @@ install(DIRECTORY packaging/clickhouse DESTINATION ${CMAKE_INSTALL_DOCDIR}/examp
   USE_SOURCE_PERMISSIONS PATTERN "trial" EXCLUDE)
 install(DIRECTORY packaging/prometheus DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples
   USE_SOURCE_PERMISSIONS PATTERN "trial*" EXCLUDE)
-install(PROGRAMS packaging/busybox-init tools/backoff tools/zarn5-module-check
-  DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples)
+install(PROGRAMS packaging/busybox-init tools/backoff DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples)
 install(DIRECTORY packaging/supervisors DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples USE_SOURCE_PERMISSIONS)
+install(FILES packaging/lintian-overrides DESTINATION share/lintian/overrides RENAME keepwatch)
 install(FILES tools/lnav.json DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples)
 
 set(CPACK_GENERATOR DEB)
@@ -45,7 +45,7 @@ set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
 # pgrep and kill; and a session bus, be it one started by hand with dbus-run-session.
 set(CPACK_DEBIAN_PACKAGE_DEPENDS
   "procps, default-dbus-session-bus | dbus-session-bus | dbus-daemon")
-set(CPACK_DEBIAN_PACKAGE_SUGGESTS "gnuplot-nox, lnav, runit")
+set(CPACK_DEBIAN_PACKAGE_SUGGESTS "dbus-daemon, gnuplot-nox, lnav, python3-dbus, python3-gi, runit, tzdata")
 set(CPACK_DEBIAN_PACKAGE_DESCRIPTION "module supervisor and log collector for a device
 keepwatch starts the programs of an embedded device, waits for their D-Bus
 services, tells them to run, and relaunches whatever ends. It is also the one

@@ -9,7 +9,7 @@ static void log(const QString &text)
 {
     const QString stamp = QDateTime::currentDateTime().toString("yyyy-MM-dd hh:mm:ss.zzz");
     QDBusMessage signal = QDBusMessage::createSignal("/", "com.qel.zarn5.log", "log");
-    signal << 5u << QString("(%1) %2: ").arg(stamp).arg(name, -15) + text;
+    signal << 5u << QString("(%1) %2: ").arg(stamp).arg(name.left(15), -15) + text;
     QDBusConnection::sessionBus().send(signal);
 }
 

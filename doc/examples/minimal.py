@@ -17,7 +17,7 @@ class Module(dbus.service.Object):
 
     def info(self, text):
         stamp = datetime.datetime.now().isoformat(" ", "milliseconds")
-        self.log(5, f"({stamp}) {name:15}: {text}")
+        self.log(5, f"({stamp}) {name:15.15}: {text}")
 
     @dbus.service.method(adaptor, in_signature="i")
     def run(self, value):
