@@ -196,8 +196,9 @@ private slots:
             messageHandler(QtWarningMsg, "-->:x");
             messageHandler(QtMsgType(4), "x");
         }
-        LogStatement(QtCriticalMsg, logTag("%1,%2:", "/a/longer-than-twenty-characters.cpp", 7))
-            << "bare\xfc" << QString("say \"hi\"") << QByteArray("a\t\xff") << -1 << (qint64(1) << 40);
+        LogStatement(QtCriticalMsg, "%1,%2:", "/a/longer-than-twenty-characters.cpp", 7)
+            << "bare\xfc" << QString("say \"hi\"") << QString::fromLatin1("a\t\xff") << -1
+            << (qint64(1) << 40);
         transcript = log();
     }
 

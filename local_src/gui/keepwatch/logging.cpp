@@ -186,16 +186,12 @@ Logging::~Logging()
     mutex.unlock();
     QCoreApplication::sendPostedEvents(this, QEvent::MetaCall); // lines of other threads
 
-    if (telegramFile)
-        telegramFile->close();
-    delete logFile; // which closes it
-    logFile = 0;
+    delete telegramFile; // which closes it
+    delete logFile;
     delete logStream;
-    logStream = 0;
-    delete telegramFile;
-    telegramFile = 0;
     delete telegramStream;
-    telegramStream = 0;
+    telegramFile = logFile = 0;
+    telegramStream = logStream = 0;
     if (useSyslog)
         closelog();
 }

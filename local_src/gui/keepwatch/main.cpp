@@ -24,22 +24,18 @@
 #endif
 #include <unistd.h>
 
-bool suppressTrace;
-bool suppressDebug;
+// While set, messages with an arrow ("-->:", "<--:") or plain debug messages are dropped.
+static bool suppressTrace;
+static bool suppressDebug;
 
 // Never closed: a signal may come until the very end of the process.
 static int quitPipe[2] = { -1, -1 };
 
-QByteArray logTag(const char *form, const char *path, int line)
-{
-    const QString file = QFileInfo(QString::fromLocal8Bit(path)).fileName().left(20);
-    return QString::fromLatin1(form).arg(file, -20).arg(line, 5).toLocal8Bit();
-}
-
-LogStatement::LogStatement(QtMsgType type, const QByteArray &tag)
+LogStatement::LogStatement(QtMsgType type, const char *form, const char *path, int line)
     : type(type)
 {
-    *this << tag.constData();
+    const QString file = QFileInfo(QString::fromLocal8Bit(path)).fileName().left(20);
+    *this << QString::fromLatin1(form).arg(file, -20).arg(line, 5).toLocal8Bit().constData();
 }
 
 LogStatement::~LogStatement()
@@ -57,11 +53,6 @@ LogStatement &LogStatement::operator<<(const QString &text)
 {
     buffer += QLatin1Char('"') + text + QLatin1String("\" ");
     return *this;
-}
-
-LogStatement &LogStatement::operator<<(const QByteArray &bytes)
-{
-    return *this << QString::fromLatin1(bytes.constData(), bytes.size());
 }
 
 LogStatement &LogStatement::operator<<(qint64 number)
@@ -153,8 +144,8 @@ static void setUpSignals()
     sigprocmask(SIG_SETMASK, &none, 0);
     signal(SIGCHLD, SIG_DFL); // ignored, it takes the exit status of a child away
     signal(SIGINT, SIG_DFL); // until there is a handler: a shell may have it ignored
-    // What nobody reads, or what a file may not grow by, is lost as on a full disk. A handler, since modules
-    // would inherit SIG_IGN.
+    // What nobody reads, or what a file may not grow by, is lost as on a full disk. A handler, since on Qt 6
+    // modules would inherit SIG_IGN.
     signal(SIGPIPE, ignoreSignal);
     signal(SIGXFSZ, ignoreSignal);
 }
@@ -192,11 +183,11 @@ int main(int argc, char **argv)
     ChildProcess guard;
     // This process is one of those that are found.
     if (findProcesses(QFileInfo(QString::fromLatin1(argv[0])).completeBaseName(), &guard).size() >= 2) {
-        const char refusal[] = "an instance of this keepwatch tool is already running. abort.\n";
-        fwrite(refusal, 1, sizeof refusal - 1, stderr);
+        fputs("an instance of this keepwatch tool is already running. abort.\n", stderr);
         return 0;
     }
-    // The library's handler: the end of a child must not interrupt a write, whose lines would be lost.
+    // The library's handler, where it has one: the end of a child must not interrupt a write, whose lines
+    // would be lost.
     struct sigaction onChild;
     sigaction(SIGCHLD, 0, &onChild);
     onChild.sa_flags |= SA_RESTART;
@@ -212,7 +203,7 @@ int main(int argc, char **argv)
     // At its limit, 63 MB that wait to be handled, the bus library stops to read, and Qt 5 cannot make it
     // go on, since it frees the messages on another thread.
     dbus_connection_set_max_received_size(static_cast<DBusConnection *>(bus.internalPointer()), LONG_MAX);
-    bus.interface()->setTimeout(1000); // in serveBus
+    bus.interface()->setTimeout(1000); // of serveBus and Receiver::reopen
     Receiver receiver(&logging);
 
     const bool piped = pipe2(quitPipe, O_CLOEXEC | O_NONBLOCK) == 0;

@@ -5,24 +5,12 @@
 
 #include "qtversion.h"
 
-#include <QByteArray>
-#include <QString>
 #include <QStringList>
 
 /** A log statement: "logWarning() << item << item;". Every item is followed by one blank. */
-#define logInfo() LogStatement(QtDebugMsg, tagOfPlace("NODEBUG:%1,%2:"))
-#define logWarning() LogStatement(QtWarningMsg, tagOfPlace("%1,%2:"))
-#define logError() LogStatement(QtCriticalMsg, tagOfPlace("%1,%2:"))
-
-// Made once a place of use, where it never changes.
-#define tagOfPlace(form)                                                                                     \
-    ([]() -> const QByteArray & {                                                                            \
-        static const QByteArray tag = logTag(form, __FILE__, __LINE__);                                      \
-        return tag;                                                                                          \
-    }())
-
-/** The first item of a statement: file name (20 characters) and line (5) put into `form`. */
-QByteArray logTag(const char *form, const char *path, int line);
+#define logInfo() LogStatement(QtDebugMsg, "NODEBUG:%1,%2:", __FILE__, __LINE__)
+#define logWarning() LogStatement(QtWarningMsg, "%1,%2:", __FILE__, __LINE__)
+#define logError() LogStatement(QtCriticalMsg, "%1,%2:", __FILE__, __LINE__)
 
 /**
  * Gathers the items of one log statement and hands the text to Qt's message output when it is
@@ -31,12 +19,12 @@ QByteArray logTag(const char *form, const char *path, int line);
 class LogStatement
 {
 public:
-    LogStatement(QtMsgType type, const QByteArray &tag);
+    /** The first item, the tag: file name (20 characters) and line (5) put into `form`. */
+    LogStatement(QtMsgType type, const char *form, const char *path, int line);
     ~LogStatement();
 
     LogStatement &operator<<(const char *text); ///< bare, each byte one character
     LogStatement &operator<<(const QString &text); ///< in double quotes, nothing escaped
-    LogStatement &operator<<(const QByteArray &bytes); ///< in double quotes, each byte one character
     LogStatement &operator<<(qint64 number);
 
 private:
@@ -45,10 +33,6 @@ private:
     QtMsgType type;
     QString buffer;
 };
-
-/** While set, messages with an arrow ("-->:", "<--:") or plain debug messages are dropped. */
-extern bool suppressTrace;
-extern bool suppressDebug;
 
 /**
  * The end of every message of the process, on whatever thread: adds stamp and name, and passes the

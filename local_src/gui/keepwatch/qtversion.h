@@ -3,9 +3,7 @@
 #define QTVERSION_H
 
 #include <QProcess>
-#include <QString>
 #include <QTimer>
-#include <QtGlobal>
 
 #if QT_VERSION >= 0x050000
 #include <QLoggingCategory>
@@ -56,7 +54,6 @@ inline qint64 idOf(const QProcess &process)
 }
 #endif
 
-#if QT_VERSION >= 0x050000 && QT_VERSION < 0x060000
 /**
  * For a plain QProcess Qt 5 clones in a way that takes a failure for a process with the id -1: its kill()
  * then kills every process there is. Not so for any other class.
@@ -64,9 +61,6 @@ inline qint64 idOf(const QProcess &process)
 class ChildProcess : public QProcess
 {
 };
-#else
-typedef QProcess ChildProcess;
-#endif
 
 #if QT_VERSION < 0x060000
 #include <QTextCodec>

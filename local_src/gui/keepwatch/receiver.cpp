@@ -12,20 +12,18 @@
 static const int farewellMs = 25000;
 static const int reopenMs = 1000;
 
-// Whatever has another signature is passed over. Nothing is kept from the library, which answers strangers'
-// calls.
+// Arguments behind these are passed over, as is whatever has others. Nothing is kept from the library, which
+// answers strangers' calls.
 static DBusHandlerResult onMessage(DBusConnection *, DBusMessage *message, void *logging)
 {
     Logging *sink = static_cast<Logging *>(logging);
     dbus_uint32_t level;
     const char *text;
     if (dbus_message_is_signal(message, "com.qel.zarn5.log", "log")
-        && dbus_message_has_signature(message, "us")
         && dbus_message_get_args(message, 0, DBUS_TYPE_UINT32, &level, DBUS_TYPE_STRING, &text,
                                  DBUS_TYPE_INVALID))
         sink->onMessage(level, QString::fromUtf8(text));
     else if (dbus_message_is_signal(message, "com.qel.zarn5.busmon", "busmon")
-             && dbus_message_has_signature(message, "s")
              && dbus_message_get_args(message, 0, DBUS_TYPE_STRING, &text, DBUS_TYPE_INVALID))
         sink->onTelegrams(QString::fromUtf8(text));
     return DBUS_HANDLER_RESULT_NOT_YET_HANDLED;
@@ -98,10 +96,8 @@ void Receiver::onReadable()
     if (dbus_connection_get_is_connected(connection))
         return;
     close();
-    if (opened.elapsed() >= reopenMs)
-        reopen();
-    else // a bus that cuts each connection off at once
-        QTimer::singleShot(reopenMs, this, SLOT(reopen()));
+    // Later with a bus that cuts each connection off at once.
+    QTimer::singleShot(opened.elapsed() >= reopenMs ? 0 : reopenMs, this, SLOT(reopen()));
 }
 
 // Opening waits for a bus that stands still without a limit, so the bus is asked first.

@@ -3,7 +3,6 @@
 #include "main.h"
 
 #include <QCoreApplication>
-#include <QDBusError>
 #include <QDBusInterface>
 #include <QFile>
 #include <QFileInfo>
@@ -52,7 +51,6 @@ Watchdog::Watchdog(const QStringList &modules, const QString &statusModuleName)
     makePrecise(cyclicTimer);
     cyclicTimer.start(0);
     makePrecise(statusTimer);
-    statusTimer.setSingleShot(false);
     statusTimer.setInterval(statusPeriodMs);
 }
 
@@ -62,11 +60,9 @@ Watchdog::~Watchdog()
         if (module->process)
             module->process->disconnect(this); // a process that is deleted alive still reports its end
         delete module->process;
-        module->process = 0;
         disconnectModule(module);
+        delete module;
     }
-    qDeleteAll(modules);
-    modules.clear();
 }
 
 void Watchdog::readModules(const QStringList &names)
@@ -81,10 +77,9 @@ void Watchdog::readModules(const QStringList &names)
             = settings.value(name + QLatin1String("/service"), QLatin1String("com.qel.zarn5.") + name)
                   .toString();
 
-        const QFile file(path);
+        const QFileInfo file(path);
         if (!file.exists()) {
-            const QString missing = QString::fromLatin1("file %1 does not exist").arg(file.fileName());
-            logWarning() << missing.toLocal8Bit().constData();
+            logWarning() << QString::fromLatin1("file %1 does not exist").arg(path).toLocal8Bit().constData();
             continue;
         }
 
@@ -92,12 +87,11 @@ void Watchdog::readModules(const QStringList &names)
         if (name == statusModuleName)
             statusModule = module;
         module->service = service;
-        module->path = QFileInfo(file).absoluteFilePath();
+        module->path = file.absoluteFilePath();
         module->start = start;
         module->wait = wait;
         connect(&module->crashCountTimer, SIGNAL(timeout()), SLOT(onCrashCountTimer()));
         makePrecise(module->crashCountTimer);
-        module->crashCountTimer.setSingleShot(false);
         module->crashCountTimer.start(crashPeriodMs);
         modules.append(module);
         if (isServiceName(service))
@@ -116,7 +110,7 @@ void Watchdog::onCyclicTimer()
     case Reestablishing: return reestablishing();
     case ShutdownQuit: return shutdownQuit();
     case ShutdownKill: return shutdownKill();
-    default: return; // Running and Down
+    default: return;
     }
 }
 
@@ -303,7 +297,7 @@ void Watchdog::onReadStandardOutput()
         return;
     process->setReadChannel(QProcess::StandardOutput);
     for (QByteArray line = process->readLine(); !line.isEmpty(); line = process->readLine()) {
-        logWarning() << module->service << ":" << line;
+        logWarning() << module->service << ":" << QString::fromLatin1(line.constData(), line.size());
         module->outputBytes += line.size();
         if (module->outputBytes > outputLimit) {
             logError() << module->service << "is taliking too much. Closing std-channels!";

@@ -3,10 +3,7 @@
 #define WATCHDOG_H
 
 #include <QDBusServiceWatcher>
-#include <QList>
-#include <QObject>
 #include <QProcess>
-#include <QString>
 #include <QStringList>
 #include <QTimer>
 
