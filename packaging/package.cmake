@@ -14,7 +14,7 @@ function(install_gzipped file directory)
 endfunction()
 
 install(TARGETS keepwatch zarn5-check RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
-install(PROGRAMS tools/zarn5-alive tools/zarn5-bus tools/zarn5-calls tools/zarn5-module-check tools/zarn5-oldlog tools/zarn5-plot tools/zarn5-state
+install(PROGRAMS tools/zarn5-alive tools/zarn5-bus tools/zarn5-calls tools/zarn5-guard tools/zarn5-module-check tools/zarn5-oldlog tools/zarn5-plot tools/zarn5-state
   DESTINATION ${CMAKE_INSTALL_BINDIR})
 install(FILES packaging/keepwatch.service DESTINATION lib/systemd/user)
 install(FILES packaging/dbus.service.d/keepwatch.conf DESTINATION lib/systemd/user/dbus.service.d)
@@ -32,7 +32,8 @@ install(DIRECTORY packaging/clickhouse DESTINATION ${CMAKE_INSTALL_DOCDIR}/examp
 install(DIRECTORY packaging/prometheus DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples
   USE_SOURCE_PERMISSIONS PATTERN "trial*" EXCLUDE)
 install(PROGRAMS packaging/busybox-init tools/backoff DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples)
-install(DIRECTORY packaging/supervisors DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples USE_SOURCE_PERMISSIONS)
+install(DIRECTORY packaging/supervisors DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples
+  USE_SOURCE_PERMISSIONS PATTERN "trial*" EXCLUDE)
 install(FILES packaging/lintian-overrides DESTINATION share/lintian/overrides RENAME keepwatch)
 install(FILES tools/lnav.json DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples)
 
