@@ -74,18 +74,6 @@ static bool enterMinute(const QString &stamp)
     return minutes[0].plain;
 }
 
-// The number that `count` digits stand for; -1 if one is no digit.
-static int readDigits(const QChar *digits, int count)
-{
-    int number = 0;
-    for (int i = 0; i < count; ++i) {
-        if (digits[i] < QLatin1Char('0') || digits[i] > QLatin1Char('9'))
-            return -1;
-        number = number * 10 + digits[i].unicode() - '0';
-    }
-    return number;
-}
-
 QString writeStamp(qint64 time)
 {
     const qint64 rest = time - minutes[0].start;
@@ -103,10 +91,15 @@ QString writeStamp(qint64 time)
 bool readStamp(const QString &stamp, qint64 *time)
 {
     if (stamp.size() == 23 && stamp[19] == QLatin1Char('.')) {
-        const int seconds = readDigits(stamp.constData() + 17, 2);
-        const int ms = readDigits(stamp.constData() + 20, 3);
-        if (seconds >= 0 && seconds < 60 && ms >= 0 && enterMinute(stamp)) {
-            *time = minutes[0].start + qint64(seconds) * 1000 + ms;
+        bool plain = true;
+        int ms = 0;
+        for (int i : { 17, 18, 20, 21, 22 }) { // "ss" and "zzz"
+            const int digit = stamp[i].unicode() - '0';
+            plain = plain && digit >= 0 && digit <= 9;
+            ms = ms * 10 + digit;
+        }
+        if (plain && ms < 60000 && enterMinute(stamp)) {
+            *time = minutes[0].start + ms;
             return true;
         }
     }
@@ -161,10 +154,8 @@ Logging::Logging()
     : useSyslog(false)
 {
     QSettings settings;
-    mutex.lock();
-    instance = this;
+    instance = this; // no other thread logs yet
     closed = false;
-    mutex.unlock();
 
     openFile(settings.value(QLatin1String("logging/telegramfile")).toString(), &telegramFile,
              &telegramStream);
