@@ -21,9 +21,27 @@ install(FILES packaging/dbus.service.d/keepwatch.conf DESTINATION lib/systemd/us
 foreach(page keepwatch zarn5-alive zarn5-bus zarn5-check zarn5-module-check zarn5-oldlog zarn5-plot zarn5-state)
   install_gzipped(packaging/${page}.8 ${CMAKE_INSTALL_MANDIR}/man8)
 endforeach()
+# Two pages are one and the same.
+foreach(name zarn5-calls zarn5-guard)
+  execute_process(COMMAND ${CMAKE_COMMAND} -E create_symlink zarn5-alive.8.gz ${CMAKE_CURRENT_BINARY_DIR}/${name}.8.gz)
+  install(FILES ${CMAKE_CURRENT_BINARY_DIR}/${name}.8.gz DESTINATION ${CMAKE_INSTALL_MANDIR}/man8)
+endforeach()
 install_gzipped(packaging/keepwatch.conf.5 ${CMAKE_INSTALL_MANDIR}/man5)
 install_gzipped(packaging/changelog ${CMAKE_INSTALL_DOCDIR})
-install(FILES README.md doc/operating.md doc/modules.md doc/porting.md doc/module.xml packaging/copyright DESTINATION ${CMAKE_INSTALL_DOCDIR})
+
+# Pages lie beside the folder of examples, and their links with them.
+foreach(page README.md doc/operating.md doc/measurements.md doc/modules.md doc/porting.md)
+  get_filename_component(name ${page} NAME)
+  add_custom_command(OUTPUT installed/${name}
+    COMMAND ${CMAKE_COMMAND} -E make_directory installed
+    COMMAND sed -E -e "s,\\]\\((\\.\\./)?packaging/((keepwatch|dbus)\\.service),](../../../lib/systemd/user/\\2,g"
+      -e "s,\\]\\((\\.\\./)?(packaging|tools|demo)/,](examples/,g" -e "s,\\]\\(doc/,](,g"
+      ${CMAKE_CURRENT_SOURCE_DIR}/${page} > installed/${name}
+    DEPENDS ${page} VERBATIM)
+  add_custom_target(${name}.linked ALL DEPENDS installed/${name})
+  install(FILES ${CMAKE_CURRENT_BINARY_DIR}/installed/${name} DESTINATION ${CMAKE_INSTALL_DOCDIR})
+endforeach()
+install(FILES doc/module.xml doc/plot.png doc/lnav.png packaging/copyright DESTINATION ${CMAKE_INSTALL_DOCDIR})
 install(DIRECTORY doc/examples DESTINATION ${CMAKE_INSTALL_DOCDIR})
 install(DIRECTORY packaging/rsyslog DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples
   USE_SOURCE_PERMISSIONS PATTERN "trial" EXCLUDE)
@@ -31,11 +49,13 @@ install(DIRECTORY packaging/clickhouse DESTINATION ${CMAKE_INSTALL_DOCDIR}/examp
   USE_SOURCE_PERMISSIONS PATTERN "trial" EXCLUDE)
 install(DIRECTORY packaging/prometheus DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples
   USE_SOURCE_PERMISSIONS PATTERN "trial*" EXCLUDE)
+install(DIRECTORY packaging/arm DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples
+  USE_SOURCE_PERMISSIONS)
 install(PROGRAMS packaging/busybox-init tools/backoff DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples)
 install(DIRECTORY packaging/supervisors DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples
   USE_SOURCE_PERMISSIONS PATTERN "trial*" EXCLUDE)
 install(FILES packaging/lintian-overrides DESTINATION share/lintian/overrides RENAME keepwatch)
-install(FILES tools/lnav.json DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples)
+install(FILES tools/lnav.json demo/module.cpp DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples)
 
 set(CPACK_GENERATOR DEB)
 set(CPACK_STRIP_FILES ON)
