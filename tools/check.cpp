@@ -6,7 +6,6 @@
 #include <QDBusConnection>
 #include <QDBusError>
 #include <QDir>
-#include <QElapsedTimer>
 #include <QFile>
 #include <QFileInfo>
 #include <QMap>
@@ -29,7 +28,6 @@
 static const int processNameLength = 15; // of a name the kernel keeps no more
 static const int settingsBytes = 1000000; // taking a large file to pieces may use all memory
 static const int patienceMs = 10000; // with a command, or with the bus
-static const int commandBytes = 1000000; // of output
 static const quint64 roomBytes = 1000000; // of a file system that is not full
 static const rlim_t openFiles = 32; // for the bus, the logs, and pipes to two modules and a command
 
@@ -285,60 +283,43 @@ static bool faultMisreading(const QString &where, const QString &path)
     return what;
 }
 
-// What opening `path` would find or make: a link may lead to a file that is yet to be made.
-static QFileInfo linkTarget(const QString &path)
-{
-    QFileInfo info(path);
-    for (int links = 0; links < 40 && !info.exists() && info.isSymLink(); ++links)
-        info.setFile(info.symLinkTarget());
-    return info;
-}
-
-static void checkRoom(const QString &where, const QFileInfo &target)
-{
-    struct statvfs room;
-    const QString folder = target.path();
-    if (statvfs(QFile::encodeName(folder).constData(), &room) != 0 || room.f_blocks == 0)
-        return; // a file system without end
-    const quint64 bytes = quint64(room.f_bavail) * room.f_frsize;
-    if (bytes < roomBytes)
-        fault(where, "the file system of \"%2\" has %3 kB left, and lines will be lost; make room", folder,
-              QString::number(bytes / 1000));
-    else if (room.f_files > 0 && room.f_favail == 0 && !target.exists())
-        fault(where, "the file system of \"%2\" takes no more files, and lines are lost; make room", folder);
-}
-
 // Returns what tells it from any other file; empty if there will be none, or one that several may share.
 static QString checkLogFile(const QString &key)
 {
     const QString path = readText(key, QString()), where = placeOf(key);
-    const QFileInfo target = linkTarget(path);
-    struct stat status;
     if (path.isEmpty())
         return path;
-    if (stat(QFile::encodeName(target.filePath()).constData(), &status) == 0) {
-        if (S_ISDIR(status.st_mode) || S_ISSOCK(status.st_mode))
-            fault(where, "is a folder or a socket, and lines are lost; name a file");
-        else if (S_ISFIFO(status.st_mode))
-            fault(where, "is a FIFO, and the start waits until somebody reads it; name a file");
-        else if (!allows(path, W_OK))
-            fault(where, "cannot be written (%2), and lines are lost; see to its rights", systemError());
-        else if (S_ISREG(status.st_mode))
-            checkRoom(where, target);
+    QFileInfo target(path); // of a link, which may lead to a file that is yet to be made
+    for (int links = 0; links < 40 && !target.exists() && target.isSymLink(); ++links)
+        target.setFile(target.symLinkTarget());
+    const QString folder = target.path();
+    struct stat status;
+    struct statvfs room;
+    const bool exists = stat(QFile::encodeName(target.filePath()).constData(), &status) == 0;
+    if (!exists && errno == ENOENT && faultMisreading(where, path))
+        return QString();
+    if (exists && (S_ISDIR(status.st_mode) || S_ISSOCK(status.st_mode)))
+        fault(where, "is a folder or a socket, and lines are lost; name a file");
+    else if (exists && S_ISFIFO(status.st_mode))
+        fault(where, "is a FIFO, and the start waits until somebody reads it; name a file");
+    else if (exists ? !allows(path, W_OK) : errno != ENOENT)
+        fault(where, "cannot be opened (%2), and lines are lost; correct it or its rights", systemError());
+    else if (!exists && !allows(folder, W_OK | X_OK))
+        fault(where, "cannot be made in folder \"%2\" (%3), and lines are lost; make or correct that", folder,
+              systemError());
+    else if ((exists && !S_ISREG(status.st_mode))
+             || statvfs(QFile::encodeName(folder).constData(), &room) != 0 || room.f_blocks == 0)
+        ; // a device, or a file system without end
+    else if (quint64(room.f_bavail) * room.f_frsize < roomBytes)
+        fault(where, "the file system of \"%2\" has %3 kB left, and lines will be lost; make room", folder,
+              QString::number(quint64(room.f_bavail) * room.f_frsize / 1000));
+    else if (!exists && room.f_files > 0 && room.f_favail == 0)
+        fault(where, "the file system of \"%2\" takes no more files, and lines are lost; make room", folder);
+    if (exists)
         return S_ISREG(status.st_mode) ? QString::fromLatin1("%1 %2").arg(status.st_dev).arg(status.st_ino)
                                        : QString();
-    }
-    if (errno == ENOENT && faultMisreading(where, path))
-        return QString();
-    if (errno != ENOENT)
-        fault(where, "cannot be opened (%2), and lines are lost; correct it", systemError());
-    else if (!allows(target.path(), W_OK | X_OK))
-        fault(where, "cannot be made in folder \"%2\" (%3), and lines are lost; make or correct that",
-              target.path(), systemError());
-    else
-        checkRoom(where, target);
-    const QString folder = QFileInfo(target.path()).canonicalFilePath();
-    return folder.isEmpty() ? folder : folder + QLatin1Char('/') + target.fileName();
+    const QString place = QFileInfo(folder).canonicalFilePath();
+    return place.isEmpty() ? place : place + QLatin1Char('/') + target.fileName();
 }
 
 static void checkLogging()
@@ -407,10 +388,8 @@ static bool run(const QString &program, const QStringList &arguments, QStringLis
     command.setStandardErrorFile(QLatin1String("/dev/null")); // else it would be kept, without limit
     command.start(program, arguments);
     QByteArray output;
-    QElapsedTimer timer;
-    timer.start();
-    while (output.size() < commandBytes
-           && command.waitForReadyRead(qMax(0, patienceMs - int(timer.elapsed()))))
+    for (int reads = 0; reads < 100 && command.waitForReadyRead(patienceMs);
+         ++reads) // one may print for ever
         output += command.readAllStandardOutput();
     const QString where = program + QLatin1Char(' ') + arguments.join(QLatin1String(" "));
     if (command.error() == QProcess::FailedToStart) {
@@ -443,14 +422,7 @@ static QStringList readProcess(int id)
 }
 
 // The keepwatch that runs: to look at its next start it counts as ended, with all below it.
-static int running;
-
-static bool belongsToRunning(int id)
-{
-    while (id > 1 && id != running)
-        id = readProcess(id).value(Parent).toInt();
-    return running && id == running;
-}
+static int running = -1;
 
 // Notes it, and in what its surroundings differ from ours.
 static void findRunning()
@@ -516,8 +488,10 @@ static bool checkProcesses(const QString &where, const QString &pattern, bool ou
             return false;
         }
         const QString name = readProcess(number).at(Name);
-        if (number != getpid() && !name.isEmpty() && (!ours || kill(number, 0) == 0)
-            && !belongsToRunning(number))
+        int parent = number;
+        while (parent > 1 && parent != running)
+            parent = readProcess(parent).value(Parent).toInt();
+        if (number != getpid() && !name.isEmpty() && (!ours || kill(number, 0) == 0) && parent != running)
             fault(where, what, id, name);
     }
     return true;
