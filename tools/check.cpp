@@ -86,7 +86,7 @@ static QVariant readKey(const QString &key, const QVariant &standard)
 {
     known << key;
     sections << key.section(QLatin1Char('/'), 0, 0);
-    const QVariant value = QSettings().value(key, standard);
+    QVariant value = QSettings().value(key, standard);
     const QString text = value.toString();
     if (value.userType() == QMetaType::QStringList)
         fault(placeOf(key), "\"%2\" is a list and reads as nothing; put double quotes around it",
@@ -106,7 +106,7 @@ static QVariant readKey(const QString &key, const QVariant &standard)
 
 static QString readText(const QString &key, const QString &standard)
 {
-    const QString text = readKey(key, standard).toString();
+    QString text = readKey(key, standard).toString();
     const bool isPath = key.endsWith(QLatin1String("path")) || key.endsWith(QLatin1String("file"));
     QString shown = QLatin1Char('"') + text + QLatin1Char('"');
     if (isPath && !text.isEmpty() && QFileInfo(text).isRelative())
@@ -288,7 +288,7 @@ static QString checkLogFile(const QString &key)
 {
     const QString path = readText(key, QString()), where = placeOf(key);
     if (path.isEmpty())
-        return path;
+        return QString();
     QFileInfo target(path); // of a link, which may lead to a file that is yet to be made
     for (int links = 0; links < 40 && !target.exists() && target.isSymLink(); ++links)
         target.setFile(target.symLinkTarget());
@@ -461,14 +461,11 @@ static void findRunning()
                 if (line.startsWith(QByteArray(variable) + '='))
                     its = line.mid(int(strlen(variable)) + 1);
             }
-            if (variable != variables[3]) {
-                if (its != ours)
-                    note(QLatin1String(variable), "is \"%2\" for the keepwatch that runs and \"%3\" here",
-                         QFile::decodeName(its), QFile::decodeName(ours));
-            } else if (ours.isEmpty() && !its.isEmpty()) {
-                qputenv(variable, its);
-                note(QLatin1String(variable), "is not set; taken from the keepwatch that runs");
-            }
+            if (its != ours)
+                note(QLatin1String(variable), "is \"%2\" for the keepwatch that runs and \"%3\" here",
+                     QFile::decodeName(its), QFile::decodeName(ours));
+            if (variable == variables[3] && ours.isEmpty())
+                qputenv(variable, its); // its bus is looked at
         }
         return;
     }
