@@ -6,10 +6,10 @@
 #include <QDBusConnection>
 #include <QDBusError>
 #include <QDir>
-#include <QElapsedTimer>
 #include <QFile>
 #include <QFileInfo>
 #include <QMap>
+#include <QSet>
 #include <QSettings>
 #include <QStringList>
 
@@ -20,7 +20,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <dbus/dbus.h>
-#include <regex.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
 #include <unistd.h>
@@ -28,22 +28,12 @@
 static const int processNameLength = 15; // of a name the kernel keeps no more
 static const int settingsBytes = 1000000; // taking a large file to pieces may use all memory
 static const int patienceMs = 10000; // with a command, or with the bus
-static const int commandBytes = 1000000; // of output
 static const quint64 roomBytes = 1000000; // of a file system that is not full
+static const rlim_t openFiles = 32; // for the bus, the logs, and pipes to two modules and a command
 
-static QStringList notes; // what is worth knowing, and no fault
-static QStringList faults; // printed behind the settings and the notes
-
-// `what` refers to `texts` as %2, %3.
-template <typename... Texts> static void fault(const QString &where, const char *what, const Texts &...texts)
-{
-    faults << QString::fromLatin1(QByteArray("fault: %1: ") + what).arg(where, texts...);
-}
-
-template <typename... Texts> static void note(const QString &where, const char *what, const Texts &...texts)
-{
-    notes << QString::fromLatin1(QByteArray("note: %1: ") + what).arg(where, texts...);
-}
+static QStringList files; // in which the library looks for a key, in its order
+static QStringList known, sections; // that were read
+static QStringList faults; // printed behind all else
 
 // One line, whatever the text.
 static void print(const QString &text)
@@ -52,6 +42,18 @@ static void print(const QString &text)
     for (const QChar c : text)
         line += c.isPrint() ? QString(c) : QString::fromLatin1("\\x%1").arg(c.unicode(), 0, 16);
     puts(line.toLocal8Bit().constData());
+}
+
+// `what` refers to `texts` as %2, %3.
+template <typename... Texts> static void fault(const QString &where, const char *what, const Texts &...texts)
+{
+    faults << QString::fromLatin1(QByteArray("fault: %1: ") + what).arg(where, texts...);
+}
+
+// What is worth knowing, and no fault.
+template <typename... Texts> static void note(const QString &where, const char *what, const Texts &...texts)
+{
+    print(QString::fromLatin1(QByteArray("note: %1: ") + what).arg(where, texts...));
 }
 
 static bool allows(const QString &path, int mode)
@@ -64,65 +66,8 @@ static QString systemError()
     return QString::fromLocal8Bit(strerror(errno));
 }
 
-// What opening `path` would find or make: a link may lead to a file that is yet to be made.
-static QFileInfo linkTarget(const QString &path)
-{
-    QFileInfo info(path);
-    for (int links = 0; links < 40 && !info.exists() && info.isSymLink(); ++links)
-        info.setFile(info.symLinkTarget());
-    return info;
-}
-
-/** Reads keys as keepwatch does, by its library and conversions; prints each, faults what misleads. */
-class Settings
-{
-public:
-    explicit Settings(const QStringList &files)
-        : files(files)
-    {
-    }
-
-    QVariant value(const QString &key, const QVariant &standard);
-    void show(const QString &key, const QString &value) const;
-    /** The key and the file that has it: where a fault is. */
-    QString where(const QString &key) const;
-    /** Value and show in one. */
-    QString text(const QString &key, const QString &standard);
-    /** The same for a number, 1 by default: whether it is not 0. `zero`, `other`: what that means. */
-    bool flag(const QString &key, const char *zero, const char *other);
-    /** Faults what stands in the files and was not read by now. */
-    void findUnknown() const;
-
-private:
-    const QStringList files;
-    const QSettings settings;
-    QStringList known;
-    QStringList sections;
-};
-
-QVariant Settings::value(const QString &key, const QVariant &standard)
-{
-    known << key;
-    sections << key.section(QLatin1Char('/'), 0, 0);
-    QVariant value = settings.value(key, standard);
-    const QString text = value.toString();
-    if (value.userType() == QMetaType::QStringList)
-        fault(where(key), "\"%2\" is a list and reads as nothing; put double quotes around it",
-              value.toStringList().join(QLatin1String(", ")));
-    const QByteArray bytes = text.toLatin1();
-    const QString meant = QString::fromUtf8(bytes.constData(), bytes.size());
-    if (QString::fromLatin1(bytes) == text && meant != text && !meant.contains(QChar::ReplacementCharacter))
-        fault(where(key), "\"%2\" reads as \"%3\"; write what is not ASCII as its code, like \\x00e4", meant,
-              text);
-    return value;
-}
-
-void Settings::show(const QString &key, const QString &value) const
-{
-    print(where(key).insert(key.size(), QLatin1String(" = ") + value));
-}
-
-QString Settings::where(const QString &key) const
+// The key and the file that has it: where a fault is.
+static QString placeOf(const QString &key)
 {
     for (const QString &file : files) {
         if (QSettings(file, QSettings::NativeFormat).contains(key))
@@ -131,9 +76,37 @@ QString Settings::where(const QString &key) const
     return key + QLatin1String(" (default)");
 }
 
-QString Settings::text(const QString &key, const QString &standard)
+static void show(const QString &key, const QString &value)
 {
-    QString text = value(key, standard).toString();
+    print(placeOf(key).insert(key.size(), QLatin1String(" = ") + value));
+}
+
+// As keepwatch reads it, by its library.
+static QVariant readKey(const QString &key, const QVariant &standard)
+{
+    known << key;
+    sections << key.section(QLatin1Char('/'), 0, 0);
+    QVariant value = QSettings().value(key, standard);
+    const QString text = value.toString();
+    if (value.userType() == QMetaType::QStringList)
+        fault(placeOf(key), "\"%2\" is a list and reads as nothing; put double quotes around it",
+              value.toStringList().join(QLatin1String(", ")));
+    const QByteArray bytes = text.toLatin1();
+    const QString meant = QString::fromUtf8(bytes.constData(), bytes.size());
+    if (text.contains(QChar()) || text.contains(QChar::ReplacementCharacter))
+        fault(placeOf(key),
+              "\"%2\" has bytes that are no letters; write what is not ASCII as its code, like \\x00e4",
+              text);
+    else if (QString::fromLatin1(bytes) == text && meant != text
+             && !meant.contains(QChar::ReplacementCharacter))
+        fault(placeOf(key), "\"%2\" reads as \"%3\"; write what is not ASCII as its code, like \\x00e4",
+              meant, text);
+    return value;
+}
+
+static QString readText(const QString &key, const QString &standard)
+{
+    QString text = readKey(key, standard).toString();
     const bool isPath = key.endsWith(QLatin1String("path")) || key.endsWith(QLatin1String("file"));
     QString shown = QLatin1Char('"') + text + QLatin1Char('"');
     if (isPath && !text.isEmpty() && QFileInfo(text).isRelative())
@@ -142,24 +115,26 @@ QString Settings::text(const QString &key, const QString &standard)
     return text;
 }
 
-bool Settings::flag(const QString &key, const char *zero, const char *other)
+// A number, 1 by default: whether it is not 0. `zero`, `other`: what that means.
+static bool readFlag(const QString &key, const char *zero, const char *other)
 {
-    const QVariant value = this->value(key, 1);
+    const QVariant value = readKey(key, 1);
     const int number = value.toInt();
     show(key, QString::number(number) + QLatin1String(", ") + QLatin1String(number ? other : zero));
     bool isNumber;
     value.toString().toInt(&isNumber);
     if (!isNumber && value.userType() != QMetaType::QStringList)
-        fault(where(key), "\"%2\" reads as %3; write 0 or 1", value.toString(), QString::number(number));
+        fault(placeOf(key), "\"%2\" reads as %3; write 0 or 1", value.toString(), QString::number(number));
     return number != 0;
 }
 
-void Settings::findUnknown() const
+// What stands in the files and was not read by now.
+static void findUnknown()
 {
     for (const QString &file : files) {
         if (!file.endsWith(QLatin1String("/keepwatch.conf")))
             continue; // others may have settings there
-        QStringList faulted;
+        QSet<QString> faulted;
         for (const QString &key : QSettings(file, QSettings::NativeFormat).allKeys()) {
             const QString section = key.section(QLatin1Char('/'), 0, 0);
             if (known.contains(key) || faulted.contains(section))
@@ -176,27 +151,22 @@ void Settings::findUnknown() const
     }
 }
 
-// All files in which the library looks for a key, in its order.
 static QStringList settingsFiles()
 {
     // Nothing has settings by this name.
-    QStringList folders(
-        QFileInfo(QSettings(QSettings::UserScope, QLatin1String("zarn5-check")).fileName()).path());
-    const QString listed = QFile::decodeName(qgetenv("XDG_CONFIG_DIRS"));
+    const QLatin1String none("zarn5-check"), forUs("/zarn5/keepwatch.conf"), forAll("/zarn5.conf");
+    const QString own = QFileInfo(QSettings(QSettings::UserScope, none).fileName()).path();
+    QString listed = QFile::decodeName(qgetenv("XDG_CONFIG_DIRS"));
     if (listed.isEmpty())
-        folders
-            << QFileInfo(QSettings(QSettings::SystemScope, QLatin1String("zarn5-check")).fileName()).path();
-    else
-        folders << listed.split(QLatin1Char(':'));
-    folders.removeAll(QString());
-    const QLatin1String forUs("/zarn5/keepwatch.conf"), forAll("/zarn5.conf");
-    QStringList files;
-    files << folders.first() + forUs << folders.first() + forAll;
-    for (const QString &folder : folders.mid(1))
-        files << folder + forUs;
-    for (const QString &folder : folders.mid(1))
-        files << folder + forAll;
-    return files;
+        listed = QFileInfo(QSettings(QSettings::SystemScope, none).fileName()).path();
+    QStringList found = QStringList() << own + forUs << own + forAll, rest;
+    for (const QString &folder : listed.split(QLatin1Char(':'))) {
+        if (folder.isEmpty())
+            continue;
+        found << folder + forUs;
+        rest << folder + forAll;
+    }
+    return found + rest;
 }
 
 // The end of the line at `start`, as the library takes it: a quoted text and what stands behind a backslash
@@ -230,50 +200,50 @@ static void checkLines(const QString &file, const QByteArray &data)
     QByteArray section;
     int number = 1;
     for (int start = 0, end; start < data.size(); start = end) {
-        const char first = data.at(start);
-        if (isspace(static_cast<unsigned char>(first))) {
-            number += first == '\n';
+        if (isspace(static_cast<unsigned char>(data.at(start)))) {
+            number += data.at(start) == '\n';
             end = start + 1;
             continue;
         }
         int equals;
         end = endOfLine(data, start, &equals);
         const QByteArray line = data.mid(start, end - start);
-        const QString where = file + QLatin1Char(':') + QString::number(number);
-        const int bracket = int(line.indexOf(']'));
+        const bool heads = line.startsWith('[');
+        const int size = heads ? int(line.indexOf(']')) + 1 : equals, here = number;
+        const QString where = file + QLatin1Char(':') + QString::number(here);
         number += int(line.count('\n'));
-        if (first == ';')
+        if (line.startsWith(';'))
             continue;
-        if (first == '[' ? bracket < 0 : equals < 0) {
+        if (size < int(heads)) {
             fault(where, "reads as neither [section] nor key=value; correct it or put ; in front");
             continue;
         }
-        if (line.count('\n') > 0)
+        if (number > here)
             fault(where, "goes on over the line end; close its quotes, and end it with no \\");
-        if (first == '[')
-            section = line.left(bracket + 1);
-        const QByteArray name = first == '[' ? section : section + line.left(equals).trimmed();
-        if (const int before = seen.value(name)) {
-            if (first == '[')
-                note(where, "%2 stands in line %3 too, and the keys of both count",
-                     QString::fromUtf8(name.constData()), QString::number(before));
-            else
-                fault(where, "key \"%2\" stands in line %3 too, which is ignored; take one out",
-                      QString::fromUtf8(line.left(equals).trimmed().constData()), QString::number(before));
-        }
-        seen[name] = number - int(line.count('\n'));
+        const QByteArray name = line.left(size).trimmed();
+        if (heads)
+            section = name;
+        int &before = seen[heads ? section : section + name];
+        if (before && heads)
+            note(where, "%2 stands in line %3 too, and the keys of both count", QString::fromUtf8(name),
+                 QString::number(before));
+        else if (before)
+            fault(where, "key \"%2\" stands in line %3 too, which is ignored; take one out",
+                  QString::fromUtf8(name), QString::number(before));
+        before = here;
     }
 }
 
 // False if reading the files might take all memory or never end.
-static bool checkSettingsFiles(const QStringList &files)
+static bool checkSettingsFiles()
 {
     bool found = false;
     for (const QString &file : files) {
         struct stat status;
         if (stat(QFile::encodeName(file).constData(), &status) != 0) {
-            if (errno != ENOENT && errno != ENOTDIR)
-                fault(file, "cannot be read (%2), and is ignored; see to its folder's rights", systemError());
+            if ((errno != ENOENT && errno != ENOTDIR) || QFileInfo(file).isSymLink())
+                fault(file, "cannot be read (%2), and is ignored; correct its link or its folder's rights",
+                      systemError());
             continue;
         }
         found = true;
@@ -282,13 +252,11 @@ static bool checkSettingsFiles(const QStringList &files)
             fault(file, "is no regular file or over 1 MB, and no key or module was looked at; replace it");
             return false;
         }
-        QSettings settings(file, QSettings::NativeFormat);
-        settings.allKeys(); // reads it to its end
-        if (settings.status() == QSettings::AccessError)
-            fault(file, "cannot be read, and is ignored; see to its rights");
         QFile lines(file);
         if (lines.open(QIODevice::ReadOnly))
             checkLines(file, lines.readAll().replace("\xef\xbb\xbf", "")); // what an editor may put in front
+        else
+            fault(file, "is a folder or cannot be read, and is ignored; correct that");
     }
     if (!found)
         print(QLatin1String("settings: none found, looked for ") + files.join(QLatin1String(", ")));
@@ -299,92 +267,77 @@ static bool checkSettingsFiles(const QStringList &files)
 static bool faultMisreading(const QString &where, const QString &path)
 {
     const QString first = path.section(QLatin1Char(' '), 0, 0);
+    const char *what = 0;
     if (path.startsWith(QLatin1Char('~')))
-        fault(where, "~ is not replaced by the home directory; write that itself");
+        what = "~ is not replaced by the home directory; write that itself";
     else if (path.contains(QLatin1Char('$')))
-        fault(where, "$ is not replaced by a variable; write its value itself");
+        what = "$ is not replaced by a variable; write its value itself";
     else if (path.contains(QLatin1String(" #")))
-        fault(where, "# begins no comment here, and belongs to the path; put the comment behind a ;");
+        what = "# begins no comment here, and belongs to the path; put the comment behind a ;";
     else if (path.startsWith(QLatin1Char('\'')))
-        fault(where, "' belongs to the path; put double quotes, or none");
+        what = "' belongs to the path; put double quotes, or none";
     else if (first != path && QFileInfo(first).isFile())
-        fault(where, "arguments cannot be given, and belong to the path; name a script that gives them");
-    else
-        return false;
-    return true;
+        what = "arguments cannot be given, and belong to the path; name a script that gives them";
+    if (what)
+        fault(where, what);
+    return what;
 }
 
-static void checkRoom(const QString &where, const QFileInfo &target)
+// Returns what tells it from any other file; empty if there will be none, or one that several may share.
+static QString checkLogFile(const QString &key)
 {
-    struct statvfs room;
-    const QString folder = target.path();
-    if (statvfs(QFile::encodeName(folder).constData(), &room) != 0 || room.f_blocks == 0)
-        return; // a file system without end
-    const quint64 bytes = quint64(room.f_bavail) * room.f_frsize;
-    if (bytes < roomBytes)
-        fault(where, "the file system of \"%2\" has %3 kB left, and lines will be lost; make room", folder,
-              QString::number(bytes / 1000));
-    else if (room.f_files > 0 && room.f_favail == 0 && !target.exists())
-        fault(where, "the file system of \"%2\" takes no more files, and lines are lost; make room", folder);
-}
-
-static void checkLogFile(const QString &where, const QString &path)
-{
+    const QString path = readText(key, QString()), where = placeOf(key);
     if (path.isEmpty())
-        return;
-    const QFileInfo target = linkTarget(path);
+        return QString();
+    QFileInfo target(path); // of a link, which may lead to a file that is yet to be made
+    for (int links = 0; links < 40 && !target.exists() && target.isSymLink(); ++links)
+        target.setFile(target.symLinkTarget());
+    const QString folder = target.path();
     struct stat status;
-    if (stat(QFile::encodeName(target.filePath()).constData(), &status) == 0) {
-        if (S_ISDIR(status.st_mode) || S_ISSOCK(status.st_mode))
-            fault(where, "is a folder or a socket, and lines are lost; name a file");
-        else if (S_ISFIFO(status.st_mode))
-            fault(where, "is a FIFO, and the start waits until somebody reads it; name a file");
-        else if (!allows(path, W_OK))
-            fault(where, "cannot be written (%2), and lines are lost; see to its rights", systemError());
-        else if (S_ISREG(status.st_mode))
-            checkRoom(where, target);
-    } else if (errno == ENOENT && faultMisreading(where, path)) {
-        return;
-    } else if (errno != ENOENT) {
-        fault(where, "cannot be opened (%2), and lines are lost; correct it", systemError());
-    } else if (!allows(target.path(), W_OK | X_OK)) {
-        fault(where, "cannot be made in folder \"%2\" (%3), and lines are lost; make or correct that",
-              target.path(), systemError());
-    } else {
-        checkRoom(where, target);
-    }
+    struct statvfs room;
+    const bool exists = stat(QFile::encodeName(target.filePath()).constData(), &status) == 0;
+    if (!exists && errno == ENOENT && faultMisreading(where, path))
+        return QString();
+    if (exists && (S_ISDIR(status.st_mode) || S_ISSOCK(status.st_mode)))
+        fault(where, "is a folder or a socket, and lines are lost; name a file");
+    else if (exists && S_ISFIFO(status.st_mode))
+        fault(where, "is a FIFO, and the start waits until somebody reads it; name a file");
+    else if (exists ? !allows(path, W_OK) : errno != ENOENT)
+        fault(where, "cannot be opened (%2), and lines are lost; correct it or its rights", systemError());
+    else if (!exists && !allows(folder, W_OK | X_OK))
+        fault(where, "cannot be made in folder \"%2\" (%3), and lines are lost; make or correct that", folder,
+              systemError());
+    else if ((exists && !S_ISREG(status.st_mode))
+             || statvfs(QFile::encodeName(folder).constData(), &room) != 0 || room.f_blocks == 0)
+        ; // a device, or a file system without end
+    else if (quint64(room.f_bavail) * room.f_frsize < roomBytes)
+        fault(where, "the file system of \"%2\" has %3 kB left, and lines will be lost; make room", folder,
+              QString::number(quint64(room.f_bavail) * room.f_frsize / 1000));
+    else if (!exists && room.f_files > 0 && room.f_favail == 0)
+        fault(where, "the file system of \"%2\" takes no more files, and lines are lost; make room", folder);
+    if (exists)
+        return S_ISREG(status.st_mode) ? QString::fromLatin1("%1 %2").arg(status.st_dev).arg(status.st_ino)
+                                       : QString();
+    const QString place = QFileInfo(folder).canonicalFilePath();
+    return place.isEmpty() ? place : place + QLatin1Char('/') + target.fileName();
 }
 
-static QString folderOf(const QFileInfo &file)
+static void checkLogging()
 {
-    return QFileInfo(file.path()).canonicalFilePath();
-}
+    const QLatin1String telegramKey("logging/telegramfile"), syslogKey("logging/syslog");
+    const QString log = checkLogFile(QLatin1String("logging/logfile")), telegrams = checkLogFile(telegramKey);
+    if (!log.isEmpty() && log == telegrams)
+        fault(placeOf(telegramKey), "is the log file too, and one overwrites the other; name two files");
 
-static void checkLogging(Settings *settings)
-{
-    const QLatin1String logKey("logging/logfile"), telegramKey("logging/telegramfile"),
-        syslogKey("logging/syslog");
-    const QString log = settings->text(logKey, QString()), telegrams = settings->text(telegramKey, QString());
-    checkLogFile(settings->where(logKey), log);
-    checkLogFile(settings->where(telegramKey), telegrams);
-    const QFileInfo logTarget = linkTarget(log), telegramTarget = linkTarget(telegrams);
-    if (!log.isEmpty() && logTarget.fileName() == telegramTarget.fileName()
-        && folderOf(logTarget) == folderOf(telegramTarget)
-        && (logTarget.isFile() || !logTarget.exists())) // no terminal or /dev/null, which several may share
-        fault(settings->where(telegramKey),
-              "is the log file too, and one overwrites the other; name two files");
-
-    const QString syslog = settings->value(syslogKey, QLatin1String("false")).toString();
+    const QString syslog = readKey(syslogKey, QLatin1String("false")).toString();
     const bool off = syslog == QLatin1String("false");
-    settings->show(syslogKey,
-                   QLatin1Char('"') + syslog + QLatin1String(off ? "\", standard output" : "\", syslog"));
+    show(syslogKey, QLatin1Char('"') + syslog + QLatin1String(off ? "\", standard output" : "\", syslog"));
     if (!off && syslog != QLatin1String("true"))
-        fault(settings->where(syslogKey), "\"%2\" is not false, and means syslog; write true or false",
-              syslog);
+        fault(placeOf(syslogKey), "\"%2\" is not false, and means syslog; write true or false", syslog);
     if (!off && !allows(QLatin1String("/dev/log"), W_OK))
         fault(QLatin1String("/dev/log"), "nobody takes lines for syslog; start its daemon before keepwatch");
-    settings->flag(QLatin1String("logging/debug"), "plain debug messages pass", "no plain debug messages");
-    settings->flag(QLatin1String("logging/trace"), "trace messages pass", "no trace messages");
+    readFlag(QLatin1String("logging/debug"), "plain debug messages pass", "no plain debug messages");
+    readFlag(QLatin1String("logging/trace"), "trace messages pass", "no trace messages");
 }
 
 static void checkProgram(const QString &where, const QString &path)
@@ -428,17 +381,6 @@ static void checkService(const QString &where, const QString &service)
               "makes no interface name, and is never connected; take out dashes, 247 characters at most");
 }
 
-// Whether pgrep, given `pattern`, finds a process of this name.
-static bool finds(const QString &pattern, const QString &name)
-{
-    regex_t expression;
-    if (regcomp(&expression, pattern.toLocal8Bit().constData(), REG_EXTENDED | REG_NOSUB) != 0)
-        return false;
-    const bool found = regexec(&expression, name.toLocal8Bit().constData(), 0, 0, 0) == 0;
-    regfree(&expression);
-    return found;
-}
-
 // Runs a command, of whatever kind PATH finds, and takes its output line by line. False if it did not end.
 static bool run(const QString &program, const QStringList &arguments, QStringList *lines)
 {
@@ -446,14 +388,13 @@ static bool run(const QString &program, const QStringList &arguments, QStringLis
     command.setStandardErrorFile(QLatin1String("/dev/null")); // else it would be kept, without limit
     command.start(program, arguments);
     QByteArray output;
-    QElapsedTimer timer;
-    timer.start();
-    while (output.size() < commandBytes
-           && command.waitForReadyRead(qMax(0, patienceMs - int(timer.elapsed()))))
+    for (int reads = 0; reads < 100 && command.waitForReadyRead(patienceMs);
+         ++reads) // one may print for ever
         output += command.readAllStandardOutput();
     const QString where = program + QLatin1Char(' ') + arguments.join(QLatin1String(" "));
     if (command.error() == QProcess::FailedToStart) {
-        fault(where, "cannot be run, and old processes stay; install it or correct PATH");
+        fault(where, "cannot be run (%2), and old processes stay; install it or correct PATH",
+              command.errorString().section(QLatin1String(": "), -1));
         return false;
     }
     if (command.state() != QProcess::NotRunning) {
@@ -469,76 +410,41 @@ static bool run(const QString &program, const QStringList &arguments, QStringLis
     return true;
 }
 
-struct Process
-{
-    QString name;
-    char state;
-    int parent;
-};
+enum Field { Name, State, Parent };
 
-// What the kernel says of a process; without a name if there is none.
-static Process readProcess(int id)
+// What the kernel says of a process; empty if there is none. Its name may have brackets of its own.
+static QStringList readProcess(int id)
 {
-    Process process = { QString(), 0, 0 };
     QFile file(QString::fromLatin1("/proc/%1/stat").arg(id));
-    if (!file.open(QIODevice::ReadOnly))
-        return process;
-    const QByteArray stat = file.readAll();
-    const int begin = int(stat.indexOf('(')) + 1,
-              end = int(stat.lastIndexOf(')')); // either may be in the name, too
-    if (begin < 1 || sscanf(stat.constData() + end, ") %c %d", &process.state, &process.parent) != 2)
-        return process;
-    process.name = QString::fromLocal8Bit(stat.mid(begin, end - begin).constData());
-    return process;
+    const QString stat = file.open(QIODevice::ReadOnly) ? QString::fromLocal8Bit(file.readAll()) : QString();
+    const int begin = int(stat.indexOf(QLatin1Char('('))) + 1, end = int(stat.lastIndexOf(QLatin1Char(')')));
+    return QStringList(stat.mid(begin, end - begin)) << stat.mid(end + 2).split(QLatin1Char(' '));
 }
 
 // The keepwatch that runs: to look at its next start it counts as ended, with all below it.
-static int running;
-
-static bool belongsToRunning(int id)
-{
-    while (id > 1 && id != running)
-        id = readProcess(id).parent;
-    return running && id == running;
-}
-
-// What surrounds a process that runs; empty if this user may not know.
-static QString surrounding(const QList<QByteArray> &environment, const QByteArray &variable)
-{
-    for (const QByteArray &line : environment) {
-        if (line.startsWith(variable + '='))
-            return QFile::decodeName(line.mid(variable.size() + 1));
-    }
-    return QString();
-}
+static int running = -1;
 
 // Notes it, and in what its surroundings differ from ours.
 static void findRunning()
 {
     for (const QString &entry : QDir(QLatin1String("/proc")).entryList(QDir::Dirs)) {
         const int id = entry.toInt();
-        struct stat status;
-        if (id <= 0 || stat(QFile::encodeName(QLatin1String("/proc/") + entry).constData(), &status) != 0)
-            continue;
-        const Process process = readProcess(id);
-        if (process.name != QLatin1String("keepwatch") || process.state == 'Z'
-            || readProcess(process.parent).name == process.name) // its child, on the way to be a module
+        const QStringList process = readProcess(id);
+        if (process.at(Name) != QLatin1String("keepwatch") || process.value(State) == QLatin1String("Z")
+            || readProcess(process.value(Parent).toInt()).at(Name) == process.at(Name)) // not yet a module
             continue;
         running = id;
-        const QString folder = QLatin1String("/proc/") + entry;
-        char program[4096];
-        const ssize_t size = readlink(QFile::encodeName(folder + QLatin1String("/exe")).constData(), program,
-                                      sizeof program);
-        const QString path = QFile::decodeName(QByteArray(program, int(qMax(size, ssize_t(0)))));
+        const QString folder = QLatin1String("/proc/") + entry,
+                      path = QFileInfo(folder + QLatin1String("/exe")).symLinkTarget(),
+                      directory = QFileInfo(folder + QLatin1String("/cwd")).symLinkTarget();
         const QLatin1String where("keepwatch");
-        if (status.st_uid != getuid())
+        if (QFileInfo(folder).ownerId() != getuid())
             return fault(where,
                          "process %2 is %3's, whose rights, home and settings count; run this as that user",
                          entry, QFileInfo(folder).owner());
         note(where, "runs as process %2 (%3); this is about its next start", entry, path);
         if (path.endsWith(QLatin1String(" (deleted)")))
             note(where, "process %2 is still the program of before an upgrade; restart it", entry);
-        const QString directory = QFileInfo(folder + QLatin1String("/cwd")).symLinkTarget();
         if (!directory.isEmpty() && directory != QDir::currentPath())
             note(where, "it runs in %2, and relative paths are looked at from %3; go there first", directory,
                  QDir::currentPath());
@@ -546,18 +452,20 @@ static void findRunning()
         if (!file.open(QIODevice::ReadOnly))
             return;
         const QList<QByteArray> environment = file.readAll().split('\0');
-        const char *const variables[] = { "HOME", "XDG_CONFIG_HOME", "XDG_CONFIG_DIRS" };
+        const char *const variables[]
+            = { "HOME", "XDG_CONFIG_HOME", "XDG_CONFIG_DIRS", "DBUS_SESSION_BUS_ADDRESS" };
         for (const char *variable : variables) {
-            const QString its = surrounding(environment, variable),
-                          ours = QFile::decodeName(qgetenv(variable));
+            const QByteArray ours = qgetenv(variable);
+            QByteArray its;
+            for (const QByteArray &line : environment) {
+                if (line.startsWith(QByteArray(variable) + '='))
+                    its = line.mid(int(strlen(variable)) + 1);
+            }
             if (its != ours)
-                note(QLatin1String(variable), "is \"%2\" for the keepwatch that runs and \"%3\" here", its,
-                     ours);
-        }
-        const QString bus = surrounding(environment, "DBUS_SESSION_BUS_ADDRESS");
-        if (qgetenv("DBUS_SESSION_BUS_ADDRESS").isEmpty() && !bus.isEmpty()) {
-            qputenv("DBUS_SESSION_BUS_ADDRESS", QFile::encodeName(bus));
-            note(QLatin1String("DBUS_SESSION_BUS_ADDRESS"), "is not set; taken from the keepwatch that runs");
+                note(QLatin1String(variable), "is \"%2\" for the keepwatch that runs and \"%3\" here",
+                     QFile::decodeName(its), QFile::decodeName(ours));
+            if (variable == variables[3] && ours.isEmpty())
+                qputenv(variable, its); // its bus is looked at
         }
         return;
     }
@@ -576,9 +484,11 @@ static bool checkProcesses(const QString &where, const QString &pattern, bool ou
                   "prints \"%2\", which is no process; see which one PATH finds", id);
             return false;
         }
-        const QString name = readProcess(number).name;
-        if (number != getpid() && !name.isEmpty() && (!ours || kill(number, 0) == 0)
-            && !belongsToRunning(number))
+        const QString name = readProcess(number).at(Name);
+        int parent = number;
+        while (parent > 1 && parent != running)
+            parent = readProcess(parent).value(Parent).toInt();
+        if (number != getpid() && !name.isEmpty() && (!ours || kill(number, 0) == 0) && parent != running)
             fault(where, what, id, name);
     }
     return true;
@@ -592,18 +502,17 @@ struct Module
     QString pattern; ///< of the names that the start kills; empty for none
 };
 
-static Module checkModule(Settings *settings, const QString &name)
+static Module checkModule(const QString &name)
 {
     const QString pathKey = name + QLatin1String("/path"), serviceKey = name + QLatin1String("/service");
-    const QString path = settings->text(pathKey, QLatin1String("zarn5_") + name);
+    const QString path = readText(pathKey, QLatin1String("zarn5_") + name);
     const bool start
-        = settings->flag(name + QLatin1String("/start"), "something else starts it", "keepwatch starts it");
-    settings->flag(name + QLatin1String("/wait"), "the release does not wait for it",
-                   "the release waits for it");
+        = readFlag(name + QLatin1String("/start"), "something else starts it", "keepwatch starts it");
+    readFlag(name + QLatin1String("/wait"), "the release does not wait for it", "the release waits for it");
     Module module;
-    module.service = settings->text(serviceKey, QLatin1String("com.qel.zarn5.") + name);
-    checkService(settings->where(serviceKey), module.service);
-    module.place = settings->where(pathKey);
+    module.service = readText(serviceKey, QLatin1String("com.qel.zarn5.") + name);
+    checkService(placeOf(serviceKey), module.service);
+    module.place = placeOf(pathKey);
     if (!QFile(path).exists()) {
         if (!faultMisreading(module.place, path))
             fault(module.place,
@@ -617,17 +526,20 @@ static Module checkModule(Settings *settings, const QString &name)
         return module;
     checkProgram(module.place, path);
     module.pattern = QFileInfo(path).baseName().left(processNameLength);
-    if (module.pattern.isEmpty() || !finds(module.pattern, module.processName))
-        fault(module.place, "pgrep does not find its name, and an old process stays; use letters, digits, _");
+    if (module.pattern.isEmpty() || module.pattern.startsWith(QLatin1Char('-'))
+        || strpbrk(module.pattern.toLocal8Bit().constData(), "^$[]|()*+?{}\\"))
+        fault(module.place,
+              "pgrep does not find just its name, and old processes stay or others are killed; "
+              "use letters, digits, _");
     return module;
 }
 
-static void checkModules(Settings *settings)
+static void checkModules()
 {
-    const Module modules[] = { checkModule(settings, QLatin1String("gui")),
-                               checkModule(settings, QLatin1String("uartinterface")) };
+    const Module modules[]
+        = { checkModule(QLatin1String("gui")), checkModule(QLatin1String("uartinterface")) };
     if (modules[0].service == modules[1].service)
-        fault(settings->where(QLatin1String("uartinterface/service")),
+        fault(placeOf(QLatin1String("uartinterface/service")),
               "is that of gui too, and only gui is connected; give each its own");
 
     QStringList unused;
@@ -669,18 +581,23 @@ static void checkBus()
               bus.lastError().message());
 }
 
-// Whether there were any faults.
-static bool printFindings()
+static void printFaults()
 {
-    for (const QString &line : notes)
-        print(line);
-    notes.clear();
-    const bool any = !faults.isEmpty();
-    for (const QString &line : faults)
-        print(line);
-    faults.clear();
+    static int printed;
+    for (; printed < faults.size(); ++printed)
+        print(faults.at(printed));
     fflush(stdout);
-    return any;
+}
+
+// Else neither this nor keepwatch comes far.
+static bool checkOpenFiles()
+{
+    rlimit limit;
+    if (getrlimit(RLIMIT_NOFILE, &limit) != 0 || limit.rlim_cur >= openFiles)
+        return true;
+    fault(QLatin1String("ulimit -n"), "%2 open files are too few, and nothing was looked at; allow 1024",
+          QString::number(limit.rlim_cur));
+    return false;
 }
 
 int main(int argc, char **argv)
@@ -697,18 +614,19 @@ int main(int argc, char **argv)
     keepLettersWithoutLocale();
 
     print(QLatin1String("version: " VERSION ", as the keepwatch that was installed with this program"));
-    findRunning();
-    const QStringList files = settingsFiles();
-    if (checkSettingsFiles(files)) {
-        Settings settings(files);
-        checkLogging(&settings);
-        checkModules(&settings);
-        settings.findUnknown();
+    if (checkOpenFiles()) {
+        findRunning();
+        files = settingsFiles();
+        if (checkSettingsFiles()) {
+            checkLogging();
+            checkModules();
+            findUnknown();
+        }
+        printFaults(); // while it is sure that this comes to its end
+        checkBus();
     }
-    bool faulty = printFindings(); // while it is sure that this comes to its end
-    checkBus();
-    faulty = printFindings() || faulty;
-    if (!faulty)
+    printFaults();
+    if (faults.isEmpty())
         puts("no fault found");
-    return faulty ? 1 : 0;
+    return !faults.isEmpty() || fflush(stdout) != 0 || ferror(stdout) ? 1 : 0;
 }
