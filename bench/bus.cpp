@@ -1,11 +1,9 @@
 // What stands around a receiver of log lines on the bus, in bare libdbus.
-//   bus sink             the least that a receiver can do: one write a line
-//   bus send PID COUNT LENGTH  publishes COUNT lines of LENGTH characters; prints µs of wall time and of
-//   PID's
-//                        CPU a line, from the first sent until the last stands in the log
-//   bus post COUNT LENGTH  publishes COUNT lines of LENGTH characters and waits for nobody
-//   bus flood LENGTH     publishes lines of LENGTH characters without end
-//   bus wait PID TEXT    waits until TEXT stands at the end of the log; prints µs of PID's CPU so far
+//   bus sink                   the least that a receiver can do: one write a line
+//   bus post COUNT LENGTH      publishes COUNT lines of LENGTH characters and waits for nobody
+//   bus send PID COUNT LENGTH  the same, but prints µs of wall time and of PID's CPU a line, from the first
+//                              sent until the last stands in the log
+//   bus wait PID TEXT          waits until TEXT stands at the end of the log; prints µs of PID's CPU so far
 // The log is the file "log" in the working folder.
 #include <dbus/dbus.h>
 
@@ -81,6 +79,15 @@ static std::string publish(DBusConnection *bus, int number, size_t length)
     return tail;
 }
 
+static std::string post(DBusConnection *bus, int count, size_t length)
+{
+    std::string end;
+    for (int i = 1; i <= count; ++i)
+        end = publish(bus, i, length);
+    dbus_connection_flush(bus);
+    return end;
+}
+
 static void send(DBusConnection *bus, clockid_t cpu, int count, size_t length)
 {
     std::string end;
@@ -92,10 +99,7 @@ static void send(DBusConnection *bus, clockid_t cpu, int count, size_t length)
 
     const double wallStart = now(CLOCK_MONOTONIC);
     const double cpuStart = now(cpu);
-    for (int i = 1; i <= count; ++i)
-        end = publish(bus, i, length);
-    dbus_connection_flush(bus);
-    await(end);
+    await(post(bus, count, length));
     printf("wall %f\ncpu %f\n", (now(CLOCK_MONOTONIC) - wallStart) / count, (now(cpu) - cpuStart) / count);
 }
 
@@ -140,8 +144,7 @@ int main(int, char **argv)
         sink(bus);
     else if (work == "send")
         send(bus, cpu, atoi(argv[3]), atoi(argv[4]));
-    for (int i = 1; work == "flood" || (work == "post" && i <= atoi(argv[2])); ++i)
-        publish(bus, i % 1000000, atoi(argv[work == "flood" ? 2 : 3]));
-    dbus_connection_flush(bus);
+    else
+        post(bus, atoi(argv[2]), atoi(argv[3]));
     return 0;
 }

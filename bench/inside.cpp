@@ -1,7 +1,7 @@
 // What keepwatch's log road costs within one process, or the floor under it (WHO: keepwatch or floor).
-//   inside lines WHO LENGTH COUNT...  writes lines of LENGTH characters to the file "log"; at each COUNT,
-//                                     in rising order, µs of CPU a line and MB of resident memory
-//   inside dropped WHO CALLS          ns of CPU a dropped message
+//   inside lines WHO COUNT    writes lines of 80 characters to the file "log": µs of CPU a line and MB of
+//                             resident memory behind the last
+//   inside dropped WHO COUNT  ns of CPU a dropped message
 // Results go to file descriptor 3, since stdout belongs to the log.
 #define main keepwatchMain
 #include "main.cpp"
@@ -27,37 +27,33 @@ static double residentMb()
 
 static void writeLine(int log, const QByteArray &line)
 {
-    static char buffer[1 << 16];
+    char buffer[128];
     const int size = snprintf(buffer, sizeof buffer, "[%05i]    %s\n", 0, line.constData());
     if (write(log, buffer, size) != size)
         abort();
 }
 
 // As in practice each line bears a recent stamp of its own. The clock stands while a batch is made.
-static void lines(bool floor, int length, const QStringList &counts)
+static void lines(bool floor, int count)
 {
     const QScopedPointer<Logging> logging(floor ? 0 : new Logging);
     const int log = floor ? open("log", O_WRONLY | O_CREAT | O_TRUNC, 0644) : -1;
     QString texts[100];
     QByteArray bytes[100];
     double spent = 0;
-    int done = 0;
-    for (const QString &count : counts) {
-        while (done < count.toInt()) {
-            const QDateTime now = QDateTime::currentDateTime();
-            for (int i = 0; i < 100; ++i) {
-                const QString stamp = now.addMSecs(-i).toString("(yyyy-MM-dd hh:mm:ss.zzz)");
-                texts[i] = (stamp + " bench          : load ").leftJustified(length, 'x');
-                bytes[i] = texts[i].toLatin1();
-            }
-            const double start = cpuNs();
-            for (int i = 0; i < 100; ++i)
-                floor ? writeLine(log, bytes[i]) : logging->onMessage(5, texts[i]);
-            spent += cpuNs() - start;
-            done += 100;
+    for (int done = 0; done < count; done += 100) {
+        const QDateTime now = QDateTime::currentDateTime();
+        for (int i = 0; i < 100; ++i) {
+            const QString stamp = now.addMSecs(-i).toString("(yyyy-MM-dd hh:mm:ss.zzz)");
+            texts[i] = (stamp + " bench          : load ").leftJustified(80, 'x');
+            bytes[i] = texts[i].toLatin1();
         }
-        dprintf(3, "cost-%dx%d %f\nmemory-%d %f\n", done, length, spent / done / 1e3, done, residentMb());
+        const double start = cpuNs();
+        for (int i = 0; i < 100; ++i)
+            floor ? writeLine(log, bytes[i]) : logging->onMessage(5, texts[i]);
+        spent += cpuNs() - start;
     }
+    dprintf(3, "cost %f\nmemory %f\n", spent / count / 1e3, residentMb());
 }
 
 static void __attribute__((noinline)) doNothing(QtMsgType, const char *text)
@@ -65,14 +61,14 @@ static void __attribute__((noinline)) doNothing(QtMsgType, const char *text)
     asm volatile("" : : "r"(text));
 }
 
-static void dropped(bool floor, int calls)
+static void dropped(bool floor, int count)
 {
     suppressDebug = true;
     void (*volatile drop)(QtMsgType, const char *) = floor ? doNothing : messageHandler;
     const double start = cpuNs();
-    for (int i = 0; i < calls; ++i)
+    for (int i = 0; i < count; ++i)
         drop(QtDebugMsg, "some.cpp            ,  147: nobody wants to know ");
-    dprintf(3, "dropped %f\n", (cpuNs() - start) / calls);
+    dprintf(3, "dropped %f\n", (cpuNs() - start) / count);
 }
 
 int main(int argc, char **argv)
@@ -84,6 +80,6 @@ int main(int argc, char **argv)
     const QStringList words = application.arguments();
     const bool floor = words.value(2) == "floor";
     const int number = words.value(3).toInt();
-    words.value(1) == "lines" ? lines(floor, number, words.mid(4)) : dropped(floor, number);
+    words.value(1) == "lines" ? lines(floor, number) : dropped(floor, number);
     return 0;
 }

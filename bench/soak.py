@@ -11,8 +11,7 @@ bus.set_exit_on_disconnect(False)
 bus_runs = True
 published = 0
 ended = {}  # the processes that were made to end, and their modules
-storms = 0
-strangers = []  # the processes that make them
+strangers = []  # the processes that make storms
 full = []  # for each full disk: the last line logged before, the last line published until there was room again
 
 
@@ -170,8 +169,6 @@ def talk(name, size):
 
 def storm(lines, length):
     """Somebody else publishes as fast as the bus takes it."""
-    global storms
-    storms += 1
     strangers.append(subprocess.Popen([publisher, "post", str(lines), str(length)]))
 
 
@@ -221,7 +218,7 @@ def count(text):
 
 def measure():
     memory = re.search(rb"VmRSS:\s*(\d+)", read(f"/proc/{daemon.pid}/status"))
-    return int(memory[1]) / 1e3, len(os.listdir(f"/proc/{daemon.pid}/fd")), len(children())
+    return round(int(memory[1]) * 1.024e-3, 1), len(os.listdir(f"/proc/{daemon.pid}/fd")), len(children())
 
 
 def settled(start, ends):
@@ -233,7 +230,7 @@ def settled(start, ends):
 
 def report_minute(minute):
     counts = "{} counted, {} relaunches, {} releases".format(*count(read("out")))
-    print("minute {}: {} ends, {}; {} lines published; {:.1f} MB, {} descriptors, {} children".format(
+    print("minute {}: {} ends, {}; {} lines published; {} MB, {} descriptors, {} children".format(
         minute, len(ended), counts, published, *measure()), flush=True)
 
 
@@ -296,7 +293,7 @@ def judge(before, after, crashes, status):
 |---|---|
 | ends made; reported, counted, relaunched by keepwatch | {ends}; {counted}, {crashes}, {relaunches} |
 | releases after them | {releases} |
-| storms of up to 30,000 lines, or of 300 lines of 20 kB, beside them | {storms} |
+| storms of up to 30,000 lines, or of 300 lines of 20 kB, beside them | {len(strangers)} |
 | numbered lines published; in the log | {published}; {len(logged)} |
 | lines that found no room on the full disk; lost; out of order | {len(no_room)}; {lost}; {disorder} |""")
     for what, index in ("memory, MB", 0), ("descriptors", 1), ("children", 2):
