@@ -301,7 +301,7 @@ static QString checkLogFile(const QString &key)
     if (exists && (S_ISDIR(status.st_mode) || S_ISSOCK(status.st_mode)))
         fault(where, "is a folder or a socket, and lines are lost; name a file");
     else if (exists && S_ISFIFO(status.st_mode))
-        fault(where, "is a FIFO, and the start waits until somebody reads it; name a file");
+        note(where, "is a FIFO, and the start waits until somebody reads it");
     else if (exists ? !allows(path, W_OK) : errno != ENOENT)
         fault(where, "cannot be opened (%2), and lines are lost; correct it or its rights", systemError());
     else if (!exists && !allows(folder, W_OK | X_OK))
