@@ -12,21 +12,24 @@
 static const int farewellMs = 25000;
 static const int reopenMs = 1000;
 
-// Arguments behind these are passed over, as is whatever has others. Nothing is kept from the library, which
-// answers strangers' calls.
+// Arguments behind those named are passed over; a signal that has others is dropped. All else is left to the
+// library, which answers strangers' calls.
 static DBusHandlerResult onMessage(DBusConnection *, DBusMessage *message, void *logging)
 {
     Logging *sink = static_cast<Logging *>(logging);
     dbus_uint32_t level;
     const char *text;
-    if (dbus_message_is_signal(message, "com.qel.zarn5.log", "log")
-        && dbus_message_get_args(message, 0, DBUS_TYPE_UINT32, &level, DBUS_TYPE_STRING, &text,
-                                 DBUS_TYPE_INVALID))
-        sink->onMessage(level, QString::fromUtf8(text));
-    else if (dbus_message_is_signal(message, "com.qel.zarn5.busmon", "busmon")
-             && dbus_message_get_args(message, 0, DBUS_TYPE_STRING, &text, DBUS_TYPE_INVALID))
-        sink->onTelegrams(QString::fromUtf8(text));
-    return DBUS_HANDLER_RESULT_NOT_YET_HANDLED;
+    if (dbus_message_is_signal(message, "com.qel.zarn5.log", "log")) {
+        if (dbus_message_get_args(message, 0, DBUS_TYPE_UINT32, &level, DBUS_TYPE_STRING, &text,
+                                  DBUS_TYPE_INVALID))
+            sink->onMessage(level, QString::fromUtf8(text));
+    } else if (dbus_message_is_signal(message, "com.qel.zarn5.busmon", "busmon")) {
+        if (dbus_message_get_args(message, 0, DBUS_TYPE_STRING, &text, DBUS_TYPE_INVALID))
+            sink->onTelegrams(QString::fromUtf8(text));
+    } else {
+        return DBUS_HANDLER_RESULT_NOT_YET_HANDLED;
+    }
+    return DBUS_HANDLER_RESULT_HANDLED; // else the library would look for an object that takes it
 }
 
 Receiver::Receiver(Logging *logging)
