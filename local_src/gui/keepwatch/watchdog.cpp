@@ -71,12 +71,6 @@ void Watchdog::readModules(const QStringList &names)
     for (const QString &name : names) {
         const QString path
             = settings.value(name + QLatin1String("/path"), QLatin1String("zarn5_") + name).toString();
-        const bool start = settings.value(name + QLatin1String("/start"), 1).toInt() != 0;
-        const bool wait = settings.value(name + QLatin1String("/wait"), 1).toInt() != 0;
-        const QString service
-            = settings.value(name + QLatin1String("/service"), QLatin1String("com.qel.zarn5.") + name)
-                  .toString();
-
         const QFileInfo file(path);
         if (!file.exists()) {
             logWarning() << QString::fromLatin1("file %1 does not exist").arg(path).toLocal8Bit().constData();
@@ -86,16 +80,18 @@ void Watchdog::readModules(const QStringList &names)
         Module *module = new Module(); // the brackets make pointers null and numbers 0
         if (name == statusModuleName)
             statusModule = module;
-        module->service = service;
         module->path = file.absoluteFilePath();
-        module->start = start;
-        module->wait = wait;
+        module->start = settings.value(name + QLatin1String("/start"), 1).toInt() != 0;
+        module->wait = settings.value(name + QLatin1String("/wait"), 1).toInt() != 0;
+        module->service
+            = settings.value(name + QLatin1String("/service"), QLatin1String("com.qel.zarn5.") + name)
+                  .toString();
         connect(&module->crashCountTimer, SIGNAL(timeout()), SLOT(onCrashCountTimer()));
         makePrecise(module->crashCountTimer);
         module->crashCountTimer.start(crashPeriodMs);
         modules.append(module);
-        if (isServiceName(service))
-            serviceWatcher.addWatchedService(service);
+        if (isServiceName(module->service))
+            serviceWatcher.addWatchedService(module->service);
     }
 }
 
