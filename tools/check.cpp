@@ -433,10 +433,12 @@ static void findRunning()
         if (process.at(Name) != QLatin1String("keepwatch") || process.value(State) == QLatin1String("Z")
             || readProcess(process.value(Parent).toInt()).at(Name) == process.at(Name)) // not yet a module
             continue;
-        running = id;
         const QString folder = QLatin1String("/proc/") + entry,
                       path = QFileInfo(folder + QLatin1String("/exe")).symLinkTarget(),
                       directory = QFileInfo(folder + QLatin1String("/cwd")).symLinkTarget();
+        if (!path.isEmpty() && !path.contains(QLatin1String("/keepwatch")))
+            continue; // a script of that name, which stands in its way
+        running = id;
         const QLatin1String where("keepwatch");
         if (QFileInfo(folder).ownerId() != getuid())
             return fault(where,
