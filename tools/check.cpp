@@ -452,7 +452,10 @@ static void findRunning()
                  QDir::currentPath());
         QFile file(folder + QLatin1String("/environ"));
         if (!file.open(QIODevice::ReadOnly))
-            return;
+            return fault(
+                where,
+                "process %2 has capabilities that this lacks, and its bus is not known; run this with them",
+                entry);
         const QList<QByteArray> environment = file.readAll().split('\0');
         const char *const variables[]
             = { "HOME", "XDG_CONFIG_HOME", "XDG_CONFIG_DIRS", "DBUS_SESSION_BUS_ADDRESS" };
