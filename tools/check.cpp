@@ -452,20 +452,16 @@ static void findRunning()
                  QDir::currentPath());
         QFile file(folder + QLatin1String("/environ"));
         if (!file.open(QIODevice::ReadOnly))
-            return fault(
-                where,
-                "process %2 has capabilities that this lacks, and its bus is not known; run this with them",
-                entry);
-        const QList<QByteArray> environment = file.readAll().split('\0');
+            return fault(where, "process %2 has more capabilities, and hides its bus; run this with them",
+                         entry);
+        const QByteArray environment = '\0' + file.readAll();
         const char *const variables[]
             = { "HOME", "XDG_CONFIG_HOME", "XDG_CONFIG_DIRS", "DBUS_SESSION_BUS_ADDRESS" };
         for (const char *variable : variables) {
             const QByteArray ours = qgetenv(variable);
-            QByteArray its;
-            for (const QByteArray &line : environment) {
-                if (line.startsWith(QByteArray(variable) + '='))
-                    its = line.mid(int(strlen(variable)) + 1);
-            }
+            const QByteArray key = '\0' + QByteArray(variable) + '=';
+            const int at = int(environment.indexOf(key));
+            QByteArray its = at < 0 ? "" : environment.constData() + at + key.size();
             if (its != ours)
                 note(QLatin1String(variable), "is \"%2\" for the keepwatch that runs and \"%3\" here",
                      QFile::decodeName(its), QFile::decodeName(ours));
