@@ -223,7 +223,7 @@ static void checkLines(const QString &file, const QByteArray &data)
         const QByteArray name = line.left(size).trimmed();
         if (heads)
             section = name;
-        int &before = seen[heads ? section : section + name];
+        int &before = seen[heads ? section : section + '=' + name];
         if (before && heads)
             note(where, "%2 stands in line %3 too, and the keys of both count", QString::fromUtf8(name),
                  QString::number(before));
@@ -433,10 +433,12 @@ static void findRunning()
         if (process.at(Name) != QLatin1String("keepwatch") || process.value(State) == QLatin1String("Z")
             || readProcess(process.value(Parent).toInt()).at(Name) == process.at(Name)) // not yet a module
             continue;
-        running = id;
         const QString folder = QLatin1String("/proc/") + entry,
                       path = QFileInfo(folder + QLatin1String("/exe")).symLinkTarget(),
                       directory = QFileInfo(folder + QLatin1String("/cwd")).symLinkTarget();
+        if (!path.isEmpty() && !path.contains(QLatin1String("/keepwatch")))
+            continue; // a script of that name, which stands in its way
+        running = id;
         const QLatin1String where("keepwatch");
         if (QFileInfo(folder).ownerId() != getuid())
             return fault(where,
@@ -450,29 +452,32 @@ static void findRunning()
                  QDir::currentPath());
         QFile file(folder + QLatin1String("/environ"));
         if (!file.open(QIODevice::ReadOnly))
-            return;
-        const QList<QByteArray> environment = file.readAll().split('\0');
+            return fault(where, "process %2 has more capabilities, and hides its bus; run this with them",
+                         entry);
+        const QByteArray environment = '\0' + file.readAll();
         const char *const variables[]
             = { "HOME", "XDG_CONFIG_HOME", "XDG_CONFIG_DIRS", "DBUS_SESSION_BUS_ADDRESS" };
         for (const char *variable : variables) {
             const QByteArray ours = qgetenv(variable);
-            QByteArray its;
-            for (const QByteArray &line : environment) {
-                if (line.startsWith(QByteArray(variable) + '='))
-                    its = line.mid(int(strlen(variable)) + 1);
-            }
+            const QByteArray key = '\0' + QByteArray(variable) + '=';
+            const int at = int(environment.indexOf(key));
+            QByteArray its = at < 0 ? "" : environment.constData() + at + key.size();
             if (its != ours)
                 note(QLatin1String(variable), "is \"%2\" for the keepwatch that runs and \"%3\" here",
                      QFile::decodeName(its), QFile::decodeName(ours));
+            // Its bus is looked at, where it has it: in a /tmp of its own, for one.
+            its.replace("unix:path=/", "unix:path=/proc/" + entry.toLatin1() + "/root/");
             if (variable == variables[3] && ours.isEmpty())
-                qputenv(variable, its); // its bus is looked at
+                qputenv(variable, its);
         }
         return;
     }
 }
 
-// Asks pgrep as keepwatch does, and faults every process that it finds. False if asking again is of no use.
-static bool checkProcesses(const QString &where, const QString &pattern, bool ours, const char *what)
+// Asks pgrep as keepwatch does, and faults every process that it finds, or notes it if that is the module's
+// own `program`, empty for keepwatch. False if asking again is of no use.
+static bool checkProcesses(const QString &where, const QString &pattern, const QByteArray &program,
+                           const char *what)
 {
     QStringList ids;
     if (!run(QLatin1String("pgrep"), QStringList(pattern), &ids))
@@ -488,7 +493,14 @@ static bool checkProcesses(const QString &where, const QString &pattern, bool ou
         int parent = number;
         while (parent > 1 && parent != running)
             parent = readProcess(parent).value(Parent).toInt();
-        if (number != getpid() && !name.isEmpty() && (!ours || kill(number, 0) == 0) && parent != running)
+        if (number == getpid() || name.isEmpty() || parent == running
+            || (!program.isEmpty() && kill(number, 0) != 0))
+            continue;
+        QFile call(QString::fromLatin1("/proc/%1/cmdline").arg(number));
+        if (call.open(QIODevice::ReadOnly) && !program.isEmpty()
+            && call.readAll().split('\0').contains(program))
+            note(where, "process %2 (%3) is left of an earlier run, and the start ends it", id, name);
+        else
             fault(where, what, id, name);
     }
     return true;
@@ -498,6 +510,7 @@ struct Module
 {
     QString place; ///< where its path stands in the settings
     QString service;
+    QByteArray program; ///< as keepwatch calls it
     QString processName; ///< empty if there is no such file
     QString pattern; ///< of the names that the start kills; empty for none
 };
@@ -519,6 +532,7 @@ static Module checkModule(const QString &name)
                   "there is no such file, and the module is left out; correct it or the working directory");
         return module;
     }
+    module.program = QFile::encodeName(QFileInfo(path).absoluteFilePath());
     module.processName = QFileInfo(path).fileName().left(processNameLength);
     if (module.processName.contains(QLatin1String("keepwatch")))
         fault(module.place, "its name contains keepwatch, which does not start beside it; rename it");
@@ -544,7 +558,7 @@ static void checkModules()
 
     QStringList unused;
     run(QLatin1String("kill"), QStringList() << QLatin1String("-0") << QString::number(getpid()), &unused);
-    bool works = checkProcesses(QLatin1String("keepwatch"), QLatin1String("keepwatch"), false,
+    bool works = checkProcesses(QLatin1String("keepwatch"), QLatin1String("keepwatch"), QByteArray(),
                                 "does not start beside process %2 (%3); end that, or give it another name");
     for (const Module &module : modules) {
         if (module.pattern.isEmpty())
@@ -553,7 +567,7 @@ static void checkModules()
             fault(module.place,
                   "its name is in the other module's, which the start kills with it; rename one");
         works = works
-            && checkProcesses(module.place, module.pattern, true,
+            && checkProcesses(module.place, module.pattern, module.program,
                               "its start kills process %2 (%3); end that, or give it another name");
     }
 }
