@@ -118,6 +118,7 @@ class InsideTest : public QObject
     // A table of two modules, on the bus or not, in `state`. The timer ticks for no test.
     void build(bool onBus, quint32 state, const QByteArray &command = "exec sleep 1000")
     {
+        dog.reset(); // a shell that has just been started reads its script late
         write("zarn5_gui", "#!/bin/sh\n" + command);
         write("zarn5_uartinterface", "#!/bin/sh\nexec sleep 1000");
         for (const QString &name : names) {
