@@ -466,7 +466,7 @@ static void findRunning()
                 note(QLatin1String(variable), "is \"%2\" for the keepwatch that runs and \"%3\" here",
                      QFile::decodeName(its), QFile::decodeName(ours));
             // Its bus is looked at, where it has it: in a /tmp of its own, for one.
-            its.replace("unix:path=/", "unix:path=/proc/" + entry.toLatin1() + "/root/");
+            its.replace("unix:path=", "unix:path=/proc/" + entry.toLatin1() + "/root");
             if (variable == variables[3] && ours.isEmpty())
                 qputenv(variable, its);
         }
