@@ -16,46 +16,54 @@ endfunction()
 install(TARGETS keepwatch zarn5-check RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
 install(PROGRAMS tools/zarn5-alive tools/zarn5-bus tools/zarn5-calls tools/zarn5-guard tools/zarn5-module-check tools/zarn5-oldlog tools/zarn5-plot tools/zarn5-state
   DESTINATION ${CMAKE_INSTALL_BINDIR})
-install(FILES packaging/keepwatch.service DESTINATION lib/systemd/user)
-install(FILES packaging/dbus.service.d/keepwatch.conf DESTINATION lib/systemd/user/dbus.service.d)
+install(FILES device/keepwatch.service DESTINATION lib/systemd/user)
+install(FILES device/dbus.service.d/keepwatch.conf DESTINATION lib/systemd/user/dbus.service.d)
 foreach(page keepwatch zarn5-alive zarn5-bus zarn5-check zarn5-module-check zarn5-oldlog zarn5-plot zarn5-state)
-  install_gzipped(packaging/${page}.8 ${CMAKE_INSTALL_MANDIR}/man8)
+  install_gzipped(man/${page}.8 ${CMAKE_INSTALL_MANDIR}/man8)
 endforeach()
 # Two pages are one and the same.
 foreach(name zarn5-calls zarn5-guard)
   execute_process(COMMAND ${CMAKE_COMMAND} -E create_symlink zarn5-alive.8.gz ${CMAKE_CURRENT_BINARY_DIR}/${name}.8.gz)
   install(FILES ${CMAKE_CURRENT_BINARY_DIR}/${name}.8.gz DESTINATION ${CMAKE_INSTALL_MANDIR}/man8)
 endforeach()
-install_gzipped(packaging/keepwatch.conf.5 ${CMAKE_INSTALL_MANDIR}/man5)
+install_gzipped(man/keepwatch.conf.5 ${CMAKE_INSTALL_MANDIR}/man5)
 install_gzipped(packaging/changelog ${CMAKE_INSTALL_DOCDIR})
 
-# Pages lie beside the folder of examples, and their links with them.
-foreach(page README.md doc/operating.md doc/measurements.md doc/modules.md doc/porting.md)
-  get_filename_component(name ${page} NAME)
-  add_custom_command(OUTPUT installed/${name}
-    COMMAND ${CMAKE_COMMAND} -E make_directory installed
-    COMMAND sed -E -e "s,\\]\\((\\.\\./)?packaging/((keepwatch|dbus)\\.service),](../../../lib/systemd/user/\\2,g"
-      -e "s,\\]\\((\\.\\./)?(packaging|tools|demo)/,](examples/,g" -e "s,\\]\\(doc/,](,g"
-      ${CMAKE_CURRENT_SOURCE_DIR}/${page} > installed/${name}
+# Pages lie beside the folder of examples, which has its own names for the folders of the fleet: their links
+# follow.
+function(install_page page directory)
+  string(REPLACE / - name ${page})
+  get_filename_component(file ${page} NAME)
+  add_custom_command(OUTPUT ${name}/${file}
+    COMMAND ${CMAKE_COMMAND} -E make_directory ${name}
+    COMMAND sed -E -e "s,\\]\\((\\.\\./)?device/((keepwatch|dbus)\\.service),](../../../lib/systemd/user/\\2,g"
+      -e "s,\\]\\((\\.\\./)?(device|demo|fleet)/,](examples/,g" -e "s,\\]\\(doc/,](,g"
+      -e "s,(\\]\\([a-z./]*)collector/,\\1rsyslog/,g" -e "s,(\\]\\([a-z./]*)store/,\\1clickhouse/,g"
+      -e "s,(\\]\\([a-z./]*)metrics/,\\1prometheus/,g"
+      ${CMAKE_CURRENT_SOURCE_DIR}/${page} > ${name}/${file}
     DEPENDS ${page} VERBATIM)
-  add_custom_target(${name}.linked ALL DEPENDS installed/${name})
-  install(FILES ${CMAKE_CURRENT_BINARY_DIR}/installed/${name} DESTINATION ${CMAKE_INSTALL_DOCDIR})
+  add_custom_target(${name}.linked ALL DEPENDS ${name}/${file})
+  install(FILES ${CMAKE_CURRENT_BINARY_DIR}/${name}/${file} DESTINATION ${directory})
+endfunction()
+
+set(examples ${CMAKE_INSTALL_DOCDIR}/examples)
+foreach(page README.md doc/operating.md doc/measurements.md doc/modules.md doc/porting.md)
+  install_page(${page} ${CMAKE_INSTALL_DOCDIR})
 endforeach()
 install(FILES doc/module.xml doc/plot.png doc/lnav.png packaging/copyright DESTINATION ${CMAKE_INSTALL_DOCDIR})
 install(DIRECTORY doc/examples DESTINATION ${CMAKE_INSTALL_DOCDIR})
-install(DIRECTORY packaging/rsyslog DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples
-  USE_SOURCE_PERMISSIONS PATTERN "trial" EXCLUDE)
-install(DIRECTORY packaging/clickhouse DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples
-  USE_SOURCE_PERMISSIONS PATTERN "trial" EXCLUDE)
-install(DIRECTORY packaging/prometheus DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples
-  USE_SOURCE_PERMISSIONS PATTERN "trial*" EXCLUDE)
-install(DIRECTORY packaging/arm DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples
-  USE_SOURCE_PERMISSIONS)
-install(PROGRAMS packaging/busybox-init tools/backoff DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples)
-install(DIRECTORY packaging/supervisors DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples
-  USE_SOURCE_PERMISSIONS PATTERN "trial*" EXCLUDE)
+foreach(folders collector:rsyslog store:clickhouse metrics:prometheus)
+  string(REPLACE : ";" folders ${folders})
+  list(GET folders 0 folder)
+  list(GET folders 1 installed)
+  install(DIRECTORY fleet/${folder}/ DESTINATION ${examples}/${installed}
+    USE_SOURCE_PERMISSIONS PATTERN README.md EXCLUDE)
+  install_page(fleet/${folder}/README.md ${examples}/${installed})
+endforeach()
+install(DIRECTORY device/arm device/supervisors DESTINATION ${examples} USE_SOURCE_PERMISSIONS)
+install(PROGRAMS device/busybox-init device/backoff DESTINATION ${examples})
 install(FILES packaging/lintian-overrides DESTINATION share/lintian/overrides RENAME keepwatch)
-install(FILES tools/lnav.json demo/module.cpp DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples)
+install(FILES device/lnav.json demo/module.cpp DESTINATION ${examples})
 
 set(CPACK_GENERATOR DEB)
 set(CPACK_STRIP_FILES ON)

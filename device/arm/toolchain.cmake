@@ -1,4 +1,4 @@
-# For 32-bit ARM with Debian's cross compiler. packaging/arm/build makes the sysroot: the device's
+# For 32-bit ARM with Debian's cross compiler. device/arm/build makes the sysroot: the device's
 # libraries and headers.
 set(CMAKE_SYSTEM_NAME Linux)
 set(CMAKE_SYSTEM_PROCESSOR arm)
