@@ -1,6 +1,7 @@
 #include "logging.h"
 
 #include "main.h"
+#include "settings.h"
 
 #include <QCoreApplication>
 #include <QDateTime>
@@ -153,16 +154,14 @@ static QString formatLine(const char *format, int delay, const QString &message)
 Logging::Logging()
     : useSyslog(false)
 {
-    QSettings settings;
+    const LoggingSettings settings = readLoggingSettings(QSettings());
     instance = this; // no other thread logs yet
     closed = false;
 
-    openFile(settings.value(QLatin1String("logging/telegramfile")).toString(), &telegramFile,
-             &telegramStream);
-    openFile(settings.value(QLatin1String("logging/logfile")).toString(), &logFile, &logStream);
+    openFile(settings.telegramFile, &telegramFile, &telegramStream);
+    openFile(settings.logFile, &logFile, &logStream);
 
-    const QLatin1String off("false");
-    useSyslog = settings.value(QLatin1String("logging/syslog"), off).toString() != off;
+    useSyslog = settings.useSyslog;
     if (useSyslog)
         openlog("torvi", LOG_PID | LOG_CONS | LOG_NDELAY, LOG_LOCAL1);
 

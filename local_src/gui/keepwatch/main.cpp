@@ -2,7 +2,9 @@
 #include "main.h"
 
 #include "logging.h"
+#include "modules.h"
 #include "receiver.h"
+#include "settings.h"
 #include "watchdog.h"
 
 #include <QCoreApplication>
@@ -162,8 +164,9 @@ static void openStandardStreams()
 
 static void readFlags(const QSettings &settings)
 {
-    suppressDebug = settings.value(QLatin1String("logging/debug"), 1).toInt() != 0;
-    suppressTrace = settings.value(QLatin1String("logging/trace"), 1).toInt() != 0;
+    const LoggingSettings logging = readLoggingSettings(settings);
+    suppressDebug = logging.suppressDebug;
+    suppressTrace = logging.suppressTrace;
 }
 
 int main(int argc, char **argv)
@@ -210,7 +213,7 @@ int main(int argc, char **argv)
     QSocketNotifier quitNotifier(quitPipe[0], QSocketNotifier::Read);
     QObject::connect(&quitNotifier, SIGNAL(activated(int)), &application, SLOT(quit()));
 
-    const QStringList modules = QStringList() << QLatin1String("gui") << QLatin1String("uartinterface");
+    const QStringList modules = moduleNames();
     Watchdog watchdog(modules, QLatin1String("gui"));
 
     if (piped) // else SIGINT keeps its default effect

@@ -1,6 +1,8 @@
 #include "watchdog.h"
 
 #include "main.h"
+#include "modules.h"
+#include "settings.h"
 
 #include <QCoreApplication>
 #include <QDBusInterface>
@@ -9,22 +11,13 @@
 #include <QSettings>
 #include <QTextStream>
 
-#include <dbus/dbus.h>
-
 static const int crashPeriodMs = 300000;
 static const int statusPeriodMs = 60000;
 static const int quitMs = 3000;
 static const int waitMs = 5000;
 static const int idleMs = 20000;
 static const int killWaitMs = 3000;
-static const int processNameLength = 15; // of a name the kernel keeps no more
 static const quint64 outputLimit = 100000; // bytes a launch
-
-// The bus library ends the process when it is asked for a name that is none. A unique name is no service.
-static bool isServiceName(const QString &service)
-{
-    return !service.startsWith(QLatin1Char(':')) && dbus_validate_bus_name(service.toUtf8().constData(), 0);
-}
 
 template <typename Match> static Module *findModule(const QList<Module *> &modules, Match match)
 {
@@ -67,13 +60,13 @@ Watchdog::~Watchdog()
 
 void Watchdog::readModules(const QStringList &names)
 {
-    QSettings settings;
+    const QSettings settings;
     for (const QString &name : names) {
-        const QString path
-            = settings.value(name + QLatin1String("/path"), QLatin1String("zarn5_") + name).toString();
-        const QFileInfo file(path);
+        const ModuleSettings read = readModuleSettings(settings, name);
+        const QFileInfo file(read.path);
         if (!file.exists()) {
-            logWarning() << QString::fromLatin1("file %1 does not exist").arg(path).toLocal8Bit().constData();
+            logWarning()
+                << QString::fromLatin1("file %1 does not exist").arg(read.path).toLocal8Bit().constData();
             continue;
         }
 
@@ -81,11 +74,9 @@ void Watchdog::readModules(const QStringList &names)
         if (name == statusModuleName)
             statusModule = module;
         module->path = file.absoluteFilePath();
-        module->start = settings.value(name + QLatin1String("/start"), 1).toInt() != 0;
-        module->wait = settings.value(name + QLatin1String("/wait"), 1).toInt() != 0;
-        module->service
-            = settings.value(name + QLatin1String("/service"), QLatin1String("com.qel.zarn5.") + name)
-                  .toString();
+        module->start = read.start;
+        module->wait = read.wait;
+        module->service = read.service;
         connect(&module->crashCountTimer, SIGNAL(timeout()), SLOT(onCrashCountTimer()));
         makePrecise(module->crashCountTimer);
         module->crashCountTimer.start(crashPeriodMs);
