@@ -178,8 +178,8 @@ int main(int argc, char **argv)
     QCoreApplication::setOrganizationName(QLatin1String("zarn5"));
     QCoreApplication::setOrganizationDomain(QLatin1String("zarn5.qel.com"));
     QCoreApplication::setApplicationName(QLatin1String("keepwatch"));
+    passAllMessages(); // before the handler, because Qt warns of a malformed logging rule here
     installMessageHandler<messageHandler>();
-    passAllMessages();
     QCoreApplication application(argc, argv);
     keepLettersWithoutLocale();
 
