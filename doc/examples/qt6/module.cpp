@@ -1,5 +1,5 @@
-// The smallest module in C++: logs what keepwatch tells it and ends when asked to. Its file name says
-// which module it is: as zarn5_gui it is the service com.qel.zarn5.gui.
+// The smallest module in C++: logs the control calls of keepwatch, and exits when asked to. It takes its bus
+// name from its file name: zarn5_gui owns com.qel.zarn5.gui.
 #include <QtDBus>
 #include <unistd.h>
 
@@ -13,7 +13,7 @@ static void log(const QString &text)
     QDBusConnection::sessionBus().send(signal);
 }
 
-// Qt names the interface after domain, application and class: com.qel.zarn5, gui, adaptor.
+// Qt composes the name of the interface from domain, application and class: com.qel.zarn5, gui, adaptor.
 class adaptor : public QObject
 {
     Q_OBJECT
@@ -28,8 +28,10 @@ public slots:
     }
     void quit()
     {
-        QDBusConnection::sessionBus().unregisterService(service); // after the lines still on their way
-        _exit(0); // not after the answer: SIGKILL may follow it
+        // Returns after the bus daemon has received the last log lines.
+        QDBusConnection::sessionBus().unregisterService(service);
+        // Exit inside the call, because SIGKILL can follow the answer.
+        _exit(0);
     }
 };
 
@@ -41,10 +43,10 @@ int main(int argc, char **argv)
     application.setOrganizationDomain("zarn5.qel.com");
     application.setApplicationName(name);
     adaptor module;
-    // The object first, the name last: keepwatch calls as soon as it sees the name.
+    // Export the object first and take the name last, because keepwatch calls as soon as it sees the name.
     QDBusConnection bus = QDBusConnection::sessionBus();
     if (!bus.registerObject("/", &module, QDBusConnection::ExportAllSlots) || !bus.registerService(service))
-        qFatal("cannot take the service %s", qPrintable(service));
+        qFatal("cannot take the bus name %s", qPrintable(service));
     return application.exec();
 }
-#include "minimal.moc"
+#include "module.moc"

@@ -1,7 +1,7 @@
 #!/usr/bin/python3
-# The smallest module in Python: logs what keepwatch tells it and ends when asked to. Its file name
-# says which module it is: as zarn5_gui it is the service com.qel.zarn5.gui.
-# Not through env: the process would be named python3 and not be found under its own name.
+# The smallest module in Python: logs the control calls of keepwatch, and exits when asked to. It takes its bus name from
+# its file name: zarn5_gui owns com.qel.zarn5.gui.
+# The first line does not use env. Otherwise the process would be named python3, and pgrep zarn5_gui would not find it.
 import datetime, os, sys
 import dbus.mainloop.glib, dbus.service
 from gi.repository import GLib
@@ -29,11 +29,11 @@ class Module(dbus.service.Object):
 
     @dbus.service.method(adaptor)
     def quit(self):
-        os._exit(0)  # not after the answer: SIGKILL may follow it
+        os._exit(0)  # inside the call, because SIGKILL can follow the answer
 
 dbus.mainloop.glib.DBusGMainLoop(set_as_default=True)
 bus = dbus.SessionBus()
-# The object first, the name last: keepwatch calls as soon as it sees the name.
+# Export the object first and take the name last, because keepwatch calls as soon as it sees the name.
 module = Module(bus, "/")
 held = dbus.service.BusName(service, bus, do_not_queue=True)
 GLib.MainLoop().run()

@@ -1,5 +1,5 @@
-// The smallest module in C: logs what keepwatch tells it and ends when asked to. Its file name says
-// which module it is: as zarn5_gui it is the service com.qel.zarn5.gui.
+// The smallest module in C: logs the control calls of keepwatch, and exits when asked to. It takes its bus name from
+// its file name: zarn5_gui owns com.qel.zarn5.gui.
 #include <stdio.h>
 #include <string.h>
 #include <systemd/sd-bus.h>
@@ -38,8 +38,9 @@ static int updateKeepwatchInfo(sd_bus_message *call, void *data, sd_bus_error *e
 
 static int quit(sd_bus_message *call, void *data, sd_bus_error *error)
 {
-    sd_bus_flush(bus); // the lines still on their way
-    _exit(0); // not after the answer: SIGKILL may follow it
+    sd_bus_flush(bus); // sends the last log lines
+    // Exit inside the call, because SIGKILL can follow the answer.
+    _exit(0);
 }
 
 static const sd_bus_vtable methods[] = {
@@ -56,15 +57,15 @@ int main(int argc, char **argv)
     sscanf(strncmp(file, "zarn5_", 6) ? file : file + 6, "%63[^.]", name);
     snprintf(service, sizeof service, "com.qel.zarn5.%s", name);
     snprintf(adaptor, sizeof adaptor, "%s.adaptor", service);
-    // The object first, the name last: keepwatch calls as soon as it sees the name.
+    // Export the object first and take the name last, because keepwatch calls as soon as it sees the name.
     if (sd_bus_open_user(&bus) < 0 || sd_bus_add_object_vtable(bus, NULL, "/", adaptor, methods, NULL) < 0
         || sd_bus_request_name(bus, service, 0) < 0) {
-        fprintf(stderr, "cannot take the service %s\n", service);
+        fprintf(stderr, "cannot take the bus name %s\n", service);
         return 1;
     }
     for (;;) {
         const int done = sd_bus_process(bus, NULL);
         if (done < 0 || (done == 0 && sd_bus_wait(bus, UINT64_MAX) < 0))
-            return 1; // the bus has gone
+            return 1; // the bus daemon has exited
     }
 }

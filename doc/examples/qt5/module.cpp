@@ -1,0 +1,1 @@
+../qt6/module.cpp
