@@ -1,5 +1,6 @@
 // zarn5-check: will keepwatch start on this device? Prints its settings as it reads them, then every fault.
 // To be run as the user, in the working directory and with the environment of keepwatch. Changes nothing.
+#include "modules.h"
 #include "qtversion.h"
 
 #include <QCoreApplication>
@@ -19,13 +20,11 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <dbus/dbus.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
 #include <unistd.h>
 
-static const int processNameLength = 15; // of a name the kernel keeps no more
 static const int settingsBytes = 1000000; // taking a large file to pieces may use all memory
 static const int patienceMs = 10000; // with a command, or with the bus
 static const quint64 roomBytes = 1000000; // of a file system that is not full
@@ -214,7 +213,8 @@ static void checkLines(const QString &file, const QByteArray &data)
         number += int(line.count('\n'));
         if (line.startsWith(';'))
             continue;
-        if (size < int(heads)) {
+        const bool unclosed = heads && size == 0;
+        if (size < 0 || unclosed) {
             fault(where, "reads as neither [section] nor key=value; correct it or put ; in front");
             continue;
         }
@@ -278,9 +278,10 @@ static bool faultMisreading(const QString &where, const QString &path)
         what = "' belongs to the path; put double quotes, or none";
     else if (first != path && QFileInfo(first).isFile())
         what = "arguments cannot be given, and belong to the path; name a script that gives them";
-    if (what)
-        fault(where, what);
-    return what;
+    if (!what)
+        return false;
+    fault(where, what);
+    return true;
 }
 
 // Returns what tells it from any other file; empty if there will be none, or one that several may share.
@@ -374,7 +375,7 @@ static void checkProgram(const QString &where, const QString &path)
 
 static void checkService(const QString &where, const QString &service)
 {
-    if (service.startsWith(QLatin1Char(':')) || !dbus_validate_bus_name(service.toUtf8().constData(), 0))
+    if (!isServiceName(service))
         fault(where, "is no bus name and never comes; name one like com.qel.zarn5.gui");
     else if (service.contains(QLatin1Char('-')) || service.size() > 255 - int(strlen(".adaptor")))
         fault(where,
@@ -508,7 +509,9 @@ static bool checkProcesses(const QString &where, const QString &pattern, const Q
 
 struct Module
 {
+    QString name;
     QString place; ///< where its path stands in the settings
+    QString servicePlace; ///< where its service stands
     QString service;
     QByteArray program; ///< as keepwatch calls it
     QString processName; ///< empty if there is no such file
@@ -518,13 +521,15 @@ struct Module
 static Module checkModule(const QString &name)
 {
     const QString pathKey = name + QLatin1String("/path"), serviceKey = name + QLatin1String("/service");
-    const QString path = readText(pathKey, QLatin1String("zarn5_") + name);
+    const QString path = readText(pathKey, defaultPath(name));
     const bool start
         = readFlag(name + QLatin1String("/start"), "something else starts it", "keepwatch starts it");
     readFlag(name + QLatin1String("/wait"), "the release does not wait for it", "the release waits for it");
     Module module;
-    module.service = readText(serviceKey, QLatin1String("com.qel.zarn5.") + name);
-    checkService(placeOf(serviceKey), module.service);
+    module.name = name;
+    module.service = readText(serviceKey, defaultService(name));
+    module.servicePlace = placeOf(serviceKey);
+    checkService(module.servicePlace, module.service);
     module.place = placeOf(pathKey);
     if (!QFile(path).exists()) {
         if (!faultMisreading(module.place, path))
@@ -548,13 +553,29 @@ static Module checkModule(const QString &name)
     return module;
 }
 
+// Faults what two modules must not have in common.
+static void compareModules(const Module &module, const Module &other)
+{
+    if (module.service == other.service)
+        fault(module.servicePlace, "is that of %2 too, and only %2 is connected; give each its own",
+              other.name);
+    for (const Module *killer : { &module, &other }) {
+        const Module *victim = killer == &module ? &other : &module;
+        if (!killer->pattern.isEmpty() && victim->processName.contains(killer->pattern))
+            fault(killer->place, "its name is in that of %2, which the start kills with it; rename one",
+                  victim->name);
+    }
+}
+
 static void checkModules()
 {
-    const Module modules[]
-        = { checkModule(QLatin1String("gui")), checkModule(QLatin1String("uartinterface")) };
-    if (modules[0].service == modules[1].service)
-        fault(placeOf(QLatin1String("uartinterface/service")),
-              "is that of gui too, and only gui is connected; give each its own");
+    QList<Module> modules;
+    for (const QString &name : moduleNames()) {
+        const Module module = checkModule(name);
+        for (const Module &other : modules)
+            compareModules(module, other);
+        modules << module;
+    }
 
     QStringList unused;
     run(QLatin1String("kill"), QStringList() << QLatin1String("-0") << QString::number(getpid()), &unused);
@@ -563,9 +584,6 @@ static void checkModules()
     for (const Module &module : modules) {
         if (module.pattern.isEmpty())
             continue;
-        if (modules[&module == modules].processName.contains(module.pattern))
-            fault(module.place,
-                  "its name is in the other module's, which the start kills with it; rename one");
         works = works
             && checkProcesses(module.place, module.pattern, module.program,
                               "its start kills process %2 (%3); end that, or give it another name");

@@ -1,6 +1,7 @@
 #include "logging.h"
 
 #include "main.h"
+#include "settings.h"
 
 #include <QCoreApplication>
 #include <QDateTime>
@@ -25,6 +26,7 @@ QMutex Logging::mutex;
 
 static const Qt::HANDLE mainThread = QThread::currentThreadId();
 
+// The levels and the formats are an interface, as are the texts of all log statements: see watchdog.h.
 static const struct
 {
     const char *format;
@@ -40,14 +42,15 @@ static const struct
 
 static const QLatin1String stampFormat("yyyy-MM-dd hh:mm:ss.zzz");
 
-// Date texts would be most of the cost of a line. But within a minute only the digits behind
-// "yyyy-MM-dd hh:mm:" change, so the library is asked once a minute. Two are kept: one source of lines may
-// have another clock. Plain data, since messages still come when statics and thread locals are gone.
+// A minute whose timestamps are known. Qt's conversion of timestamps would take most of the time of a log
+// line. Within a minute, only the digits after "yyyy-MM-dd hh:mm:" change, so Qt is called once per minute.
+// Two minutes are kept, because the clock of one source of lines can differ. The type has no destructor,
+// because messages can arrive after statics and thread locals are destroyed.
 struct Minute
 {
-    QChar text[17]; // the first characters of its stamps
+    QChar text[17]; // the first characters of its timestamps
     qint64 start; // ms since the epoch
-    bool plain; // stamps are text, seconds and milliseconds; else each is left to the library
+    bool plain; // whether text, seconds, and milliseconds make up a timestamp; otherwise Qt converts each one
 };
 static thread_local Minute minutes[2]; // the current one first
 
@@ -56,7 +59,7 @@ static bool isCurrentMinute(const QString &stamp)
     return memcmp(stamp.constData(), minutes[0].text, sizeof minutes[0].text) == 0;
 }
 
-// Makes the minute of `stamp`, which has 23 characters, the current one; true if it is plain.
+// Makes the minute of `stamp`, which has 23 characters, the current one. Returns whether it is plain.
 static bool enterMinute(const QString &stamp)
 {
     if (!isCurrentMinute(stamp))
@@ -67,7 +70,7 @@ static bool enterMinute(const QString &stamp)
     const QString first = stamp.left(17) + QLatin1String("00.000");
     const QString last = stamp.left(17) + QLatin1String("59.999");
     minutes[0].start = QDateTime::fromString(first, stampFormat).toMSecsSinceEpoch();
-    // No odd digits, no 24:00, no time that a clock change skips or that one comes amid.
+    // Not plain: other digits than ASCII, 24:00, and a minute that a clock change skips or cuts.
     minutes[0].plain = QDateTime::fromMSecsSinceEpoch(minutes[0].start).toString(stampFormat) == first
         && QDateTime::fromMSecsSinceEpoch(minutes[0].start + 59999).toString(stampFormat) == last
         && QDateTime::fromString(last, stampFormat).toMSecsSinceEpoch() == minutes[0].start + 59999;
@@ -108,7 +111,7 @@ bool readStamp(const QString &stamp, qint64 *time)
     return read.isValid();
 }
 
-// A file that cannot be opened stays closed, and what is written to it is lost.
+// If the file cannot be opened, it stays closed, and the text for it is dropped.
 static void openFile(const QString &path, QFile **file, QTextStream **stream)
 {
     if (path.isEmpty())
@@ -118,8 +121,8 @@ static void openFile(const QString &path, QFile **file, QTextStream **stream)
     (*file)->open(QIODevice::WriteOnly | QIODevice::Truncate);
 }
 
-// What a text that finds no room leaves behind, in the stream, must not hold up the next one. A line of
-// which a part found room stands in the file's own buffer, and is completed ahead of the next.
+// Resets the error of the previous text, because a stream with an error writes nothing. If only a part of a
+// line fits on the disk, the rest stays in the buffer of the file and is written before the next line.
 static void write(QFile *file, QTextStream *stream, const QString &text)
 {
     if (!stream || !file->isOpen())
@@ -127,22 +130,22 @@ static void write(QFile *file, QTextStream *stream, const QString &text)
     stream->resetStatus();
     *stream << text;
     stream->flush();
-    file->flush(); // Qt 5 writes a block of the buffer at a time, and behind a full disk there are two
+    file->flush(); // after a full disk, the buffer holds two blocks, and Qt 5 writes one per call
 }
 
-// Without NUL, at which the C library stops.
+// Returns false for a text with NUL, too, because the C library stops there.
 static bool isAscii(const QString &text)
 {
-    return std::none_of(text.begin(), text.end(), [](QChar c) { return c.unicode() - 1u > 126; });
+    return std::all_of(text.begin(), text.end(), [](QChar c) { return c >= QChar(1) && c <= QChar(127); });
 }
 
-// `message` as the C library and Qt make it of a %s: bytes of the locale up to a NUL, taken for UTF-8. ASCII
-// needs no such detour.
+// Formats a line as QString::sprintf of Qt 4 does: %s takes the bytes of `message` in the encoding of the
+// locale, up to the first NUL, and reads them as UTF-8. ASCII text needs no conversion.
 static QString formatLine(const char *format, int delay, const QString &message)
 {
     char head[32];
     const int size = qsnprintf(head, sizeof head, format, delay, "") - 1;
-    head[size] = '\0'; // the line end goes behind the message
+    head[size] = '\0'; // removes the newline, which follows the message
     QString line;
     line.reserve(size + message.size() + 1);
     line += QLatin1String(head);
@@ -153,16 +156,14 @@ static QString formatLine(const char *format, int delay, const QString &message)
 Logging::Logging()
     : useSyslog(false)
 {
-    QSettings settings;
-    instance = this; // no other thread logs yet
+    const LoggingSettings settings = readLoggingSettings(QSettings());
+    instance = this; // without the lock, because no other thread logs yet
     closed = false;
 
-    openFile(settings.value(QLatin1String("logging/telegramfile")).toString(), &telegramFile,
-             &telegramStream);
-    openFile(settings.value(QLatin1String("logging/logfile")).toString(), &logFile, &logStream);
+    openFile(settings.telegramFile, &telegramFile, &telegramStream);
+    openFile(settings.logFile, &logFile, &logStream);
 
-    const QLatin1String off("false");
-    useSyslog = settings.value(QLatin1String("logging/syslog"), off).toString() != off;
+    useSyslog = settings.useSyslog;
     if (useSyslog)
         openlog("torvi", LOG_PID | LOG_CONS | LOG_NDELAY, LOG_LOCAL1);
 
@@ -177,7 +178,7 @@ Logging::~Logging()
     mutex.unlock();
     QCoreApplication::sendPostedEvents(this, QEvent::MetaCall); // lines of other threads
 
-    delete telegramFile; // which closes it
+    delete telegramFile; // closes it
     delete logFile;
     delete logStream;
     delete telegramStream;
@@ -189,7 +190,7 @@ Logging::~Logging()
 
 Logging *Logging::getInstance()
 {
-    // Not qFatal: called from the message handler it would lose stamp and name.
+    // Not qFatal, because from within the message handler it would lose the timestamp and the name.
     if (!instance)
         messageHandler(QtFatalMsg, "no Logging instance");
     return instance;
@@ -197,7 +198,7 @@ Logging *Logging::getInstance()
 
 void Logging::deliver(uint level, const QString &line)
 {
-    // The main thread takes no lock: it alone writes what the lock guards.
+    // The main thread needs no lock, because no other thread writes what the lock protects.
     if (QThread::currentThreadId() == mainThread) {
         if (!closed)
             getInstance()->onMessage(level, line);

@@ -1,8 +1,10 @@
-// Entry of keepwatch: makes everything, runs the event loop, and is the funnel of all messages.
+// The entry point of keepwatch: creates all objects, runs the event loop, and handles all messages.
 #include "main.h"
 
 #include "logging.h"
+#include "modules.h"
 #include "receiver.h"
+#include "settings.h"
 #include "watchdog.h"
 
 #include <QCoreApplication>
@@ -24,11 +26,11 @@
 #endif
 #include <unistd.h>
 
-// While set, messages with an arrow ("-->:", "<--:") or plain debug messages are dropped.
+// Whether to drop messages with an arrow ("-->:", "<--:"), and plain debug messages.
 static bool suppressTrace;
 static bool suppressDebug;
 
-// Never closed: a signal may come until the very end of the process.
+// Written by the signal handler. Never closed, because a signal can arrive until the process exits.
 static int quitPipe[2] = { -1, -1 };
 
 LogStatement::LogStatement(QtMsgType type, const char *form, const char *path, int line)
@@ -90,80 +92,58 @@ void messageHandler(QtMsgType type, const char *msg)
     }
 }
 
-QStringList findProcesses(const QString &name, ChildProcess *process)
-{
-    process->start(QLatin1String("pgrep"), QStringList(name));
-    QString output;
-    while (process->waitForReadyRead(30000))
-        output += QString::fromLatin1(process->readAllStandardOutput().constData());
-    QStringList ids = output.split(QLatin1Char('\n'));
-    ids.removeAll(QString());
-    return ids;
-}
-
-void serveBus(const QString &service)
-{
-    QDBusConnectionInterface *bus = QDBusConnection::sessionBus().interface();
-    for (int question = 1; bus && question <= 100; ++question) {
-        const QDBusReply<bool> owned = bus->isServiceRegistered(service);
-        if (owned.isValid() ? !owned.value() : question >= 25)
-            break;
-    }
-    // On Qt 4 the first round takes the messages apart, the second delivers them.
-    QCoreApplication::sendPostedEvents(0, QEvent::MetaCall);
-    QCoreApplication::sendPostedEvents(0, QEvent::MetaCall);
-}
-
-// Else each line of 20000 characters or more has the C library give the top of its heap back and fetch it
-// again.
+// Keeps freed memory in the process. Otherwise the C library would return the top of its heap to the kernel
+// and request it again for every log line of at least 20000 characters.
 static void keepHeap()
 {
 #ifdef __GLIBC__
-    mallopt(M_MMAP_THRESHOLD, sizeof(void *) > 4 ? 4 << 20 : 512 << 10); // the most that 32 bits take
+    mallopt(M_MMAP_THRESHOLD, sizeof(void *) > 4 ? 4 << 20 : 512 << 10); // the maximum on 32 bits
     mallopt(M_TRIM_THRESHOLD, 4 << 20);
 #endif
 }
 
-// Only the write is safe in a signal handler; the event loop finds the byte and quits.
+// Wakes up the event loop, which then quits. Of the functions needed, only write is safe in a signal handler.
 static void sigintHandler(int signal)
 {
     if (signal != SIGINT)
         return;
     const int error = errno;
-    if (write(quitPipe[1], "", 1) < 0) // a full pipe says it already
+    if (write(quitPipe[1], "", 1) < 0) // the pipe is full, so the event loop will wake up anyway
         errno = error;
 }
 
 static void ignoreSignal(int) { }
 
-// A parent may have left any of them blocked: without SIGCHLD no end is seen, without SIGINT none comes.
+// Resets what the parent process can have blocked or ignored. Otherwise keepwatch would not notice exits of
+// modules (SIGCHLD) or would not shut down (SIGINT).
 static void setUpSignals()
 {
     sigset_t none;
     sigemptyset(&none);
     sigprocmask(SIG_SETMASK, &none, 0);
-    signal(SIGCHLD, SIG_DFL); // ignored, it takes the exit status of a child away
-    signal(SIGINT, SIG_DFL); // until there is a handler: a shell may have it ignored
-    // What nobody reads, or what a file may not grow by, is lost as on a full disk. A handler, since on Qt 6
-    // modules would inherit SIG_IGN.
+    signal(SIGCHLD, SIG_DFL);
+    signal(SIGINT, SIG_DFL);
+    // A closed pipe or a file at its size limit drops log lines, as a full disk does. The handler does
+    // nothing, but SIG_IGN would be inherited by the modules on Qt 6.
     signal(SIGPIPE, ignoreSignal);
     signal(SIGXFSZ, ignoreSignal);
 }
 
-// Started without them, the first file or socket to be opened would take the place of standard output.
+// Opens the standard streams that are closed. Otherwise the first file or socket would become standard
+// output.
 static void openStandardStreams()
 {
-    int descriptor;
-    do
+    int descriptor = open("/dev/null", O_RDWR);
+    while (descriptor >= 0 && descriptor <= STDERR_FILENO)
         descriptor = open("/dev/null", O_RDWR);
-    while (descriptor >= 0 && descriptor <= STDERR_FILENO);
     close(descriptor);
 }
 
 static void readFlags(const QSettings &settings)
 {
-    suppressDebug = settings.value(QLatin1String("logging/debug"), 1).toInt() != 0;
-    suppressTrace = settings.value(QLatin1String("logging/trace"), 1).toInt() != 0;
+    const LoggingSettings logging = readLoggingSettings(settings);
+    suppressDebug = logging.suppressDebug;
+    suppressTrace = logging.suppressTrace;
 }
 
 int main(int argc, char **argv)
@@ -175,19 +155,18 @@ int main(int argc, char **argv)
     QCoreApplication::setOrganizationName(QLatin1String("zarn5"));
     QCoreApplication::setOrganizationDomain(QLatin1String("zarn5.qel.com"));
     QCoreApplication::setApplicationName(QLatin1String("keepwatch"));
+    passAllMessages(); // before the handler, because Qt warns of a malformed logging rule here
     installMessageHandler<messageHandler>();
-    passAllMessages();
     QCoreApplication application(argc, argv);
     keepLettersWithoutLocale();
 
     ChildProcess guard;
-    // This process is one of those that are found.
+    // pgrep also finds this process.
     if (findProcesses(QFileInfo(QString::fromLatin1(argv[0])).completeBaseName(), &guard).size() >= 2) {
         fputs("an instance of this keepwatch tool is already running. abort.\n", stderr);
         return 0;
     }
-    // The library's handler, where it has one: the end of a child must not interrupt a write, whose lines
-    // would be lost.
+    // Restart a write that the exit of a child interrupts. Otherwise its log lines would be lost.
     struct sigaction onChild;
     sigaction(SIGCHLD, 0, &onChild);
     onChild.sa_flags |= SA_RESTART;
@@ -200,20 +179,20 @@ int main(int argc, char **argv)
     QDBusConnection bus = QDBusConnection::sessionBus();
     if (!bus.isConnected())
         qFatal("Cannot connect to the D-Bus session");
-    // At its limit, 63 MB that wait to be handled, the bus library stops to read, and Qt 5 cannot make it
-    // go on, since it frees the messages on another thread.
+    // libdbus stops reading when 63 MB of messages wait to be handled, and Qt 5 cannot make it continue,
+    // because it frees the messages on another thread.
     dbus_connection_set_max_received_size(static_cast<DBusConnection *>(bus.internalPointer()), LONG_MAX);
-    bus.interface()->setTimeout(1000); // of serveBus and Receiver::reopen
+    bus.interface()->setTimeout(1000); // of serveBus and Receiver::open
     Receiver receiver(&logging);
 
     const bool piped = pipe2(quitPipe, O_CLOEXEC | O_NONBLOCK) == 0;
     QSocketNotifier quitNotifier(quitPipe[0], QSocketNotifier::Read);
     QObject::connect(&quitNotifier, SIGNAL(activated(int)), &application, SLOT(quit()));
 
-    const QStringList modules = QStringList() << QLatin1String("gui") << QLatin1String("uartinterface");
+    const QStringList modules = moduleNames();
     Watchdog watchdog(modules, QLatin1String("gui"));
 
-    if (piped) // else SIGINT keeps its default effect
+    if (piped) // otherwise SIGINT keeps its default effect
         signal(SIGINT, sigintHandler);
 
     return application.exec();

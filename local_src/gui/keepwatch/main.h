@@ -1,30 +1,31 @@
-// What every part of keepwatch shares: the log statement, the handler that it ends in, the pgrep
-// run and the question to the bus.
+// Log statements and the message handler, which all parts of keepwatch share.
 #ifndef MAIN_H
 #define MAIN_H
 
 #include "qtversion.h"
 
-#include <QStringList>
+#include <QString>
 
-/** A log statement: "logWarning() << item << item;". Every item is followed by one blank. */
+/** Write a log statement as "logWarning() << item << item;". A blank follows each item. */
 #define logInfo() LogStatement(QtDebugMsg, "NODEBUG:%1,%2:", __FILE__, __LINE__)
 #define logWarning() LogStatement(QtWarningMsg, "%1,%2:", __FILE__, __LINE__)
 #define logError() LogStatement(QtCriticalMsg, "%1,%2:", __FILE__, __LINE__)
 
 /**
- * Gathers the items of one log statement and hands the text to Qt's message output when it is
- * destroyed. QDebug is no substitute: from Qt 5 on it escapes texts and drops the last blank.
+ * Collects the items of one log statement. The destructor passes the text to Qt's message handler. QDebug
+ * is unsuitable: from Qt 5 on, it escapes text and drops the trailing blank.
  */
 class LogStatement
 {
 public:
-    /** The first item, the tag: file name (20 characters) and line (5) put into `form`. */
+    /**
+     * Adds the first item, the tag: `form` with the file name (20 characters) and the line (5) filled in.
+     */
     LogStatement(QtMsgType type, const char *form, const char *path, int line);
     ~LogStatement();
 
-    LogStatement &operator<<(const char *text); ///< bare, each byte one character
-    LogStatement &operator<<(const QString &text); ///< in double quotes, nothing escaped
+    LogStatement &operator<<(const char *text); ///< without quotes; each byte becomes one character
+    LogStatement &operator<<(const QString &text); ///< in double quotes, nothing is escaped
     LogStatement &operator<<(qint64 number);
 
 private:
@@ -35,24 +36,9 @@ private:
 };
 
 /**
- * The end of every message of the process, on whatever thread: adds stamp and name, and passes the
- * line to the Logging object. A fatal message goes to stderr and ends the process.
+ * Handles all Qt messages of the process, from any thread: adds the timestamp and the name, and passes the
+ * line to Logging. Writes a fatal message to stderr and aborts the process.
  */
 void messageHandler(QtMsgType type, const char *msg);
-
-/**
- * Runs "pgrep name" and returns the ids that it prints, in order; an empty list if it cannot be
- * started. Blocks until pgrep has ended or said nothing for 30000 ms. `process` is the caller's,
- * since a pgrep that hangs must live on: destroying it here would be a message of its own.
- */
-QStringList findProcesses(const QString &name, ChildProcess *process);
-
-/**
- * Asks the bus until `service` has no owner, 100 times at most; then serves all that came in ahead of the
- * last answer, the loss of the service included. Any slot may run inside, so a caller touches nothing
- * afterwards that one may change. An answer is waited for a second; to a bus that stands still the question
- * is put 25 times, since its report, too, is late then.
- */
-void serveBus(const QString &service);
 
 #endif

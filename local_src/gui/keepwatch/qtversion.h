@@ -1,4 +1,4 @@
-// All in which Qt 4.8, 5 and 6 differ for keepwatch, under one name for the three.
+// The differences between Qt 4.8, 5, and 6, hidden behind common names.
 #ifndef QTVERSION_H
 #define QTVERSION_H
 
@@ -8,7 +8,7 @@
 #if QT_VERSION >= 0x050000
 #include <QLoggingCategory>
 
-/** Makes `handler` the end of every message of the process. */
+/** Passes every Qt message of the process to `handler`. */
 template <void (*handler)(QtMsgType, const char *)> void installMessageHandler()
 {
     qInstallMessageHandler([](QtMsgType type, const QMessageLogContext &, const QString &text) {
@@ -19,11 +19,12 @@ inline void sendMessage(QtMsgType type, const QString &text)
 {
     qt_message_output(type, QMessageLogContext(), text);
 }
-/** Keeps logging rules of the environment away, which would drop lines. */
+/** Overrides the logging rules of the environment, which would drop log lines. Qt warns of malformed rules.
+ */
 inline void passAllMessages()
 {
     QLoggingCategory::installFilter([](QLoggingCategory *category) {
-        // Debug messages of the library's own categories are off without a rule, too.
+        // Qt's own debug messages stay off, as they are without any rule.
         category->setEnabled(QtDebugMsg, qstrcmp(category->categoryName(), "default") == 0);
         category->setEnabled(QtWarningMsg, true);
         category->setEnabled(QtCriticalMsg, true);
@@ -46,8 +47,8 @@ inline void sendMessage(QtMsgType type, const QString &text)
 {
     qt_message_output(type, text.toLocal8Bit().constData());
 }
-inline void passAllMessages() { } // there are no rules
-inline void makePrecise(QTimer &) { } // always is
+inline void passAllMessages() { } // Qt 4 has no rules
+inline void makePrecise(QTimer &) { } // every timer of Qt 4 is precise
 inline qint64 idOf(const QProcess &process)
 {
     return process.pid();
@@ -55,8 +56,9 @@ inline qint64 idOf(const QProcess &process)
 #endif
 
 /**
- * For a plain QProcess Qt 5 clones in a way that takes a failure for a process with the id -1: its kill()
- * then kills every process there is. Not so for any other class.
+ * A process of a module or a command. Use this class instead of QProcess: if fork fails, a plain QProcess of
+ * Qt 5 takes -1 for the process ID, and its kill() kills all processes. Subclasses are started in another
+ * way.
  */
 class ChildProcess : public QProcess
 {
@@ -66,8 +68,8 @@ class ChildProcess : public QProcess
 #include <QTextCodec>
 #include <clocale>
 /**
- * Many a device starts its daemons without a locale. Qt 4 takes that for an encoding that lacks most letters,
- * and lines would lose them.
+ * Uses UTF-8 if there is no locale, as on many devices. Otherwise Qt 4 would drop all letters beyond ASCII
+ * from the log lines.
  */
 inline void keepLettersWithoutLocale()
 {
@@ -75,7 +77,7 @@ inline void keepLettersWithoutLocale()
         QTextCodec::setCodecForLocale(QTextCodec::codecForName("UTF-8"));
 }
 #else
-inline void keepLettersWithoutLocale() { } // always does
+inline void keepLettersWithoutLocale() { } // Qt 6 always uses UTF-8
 #endif
 
 #endif

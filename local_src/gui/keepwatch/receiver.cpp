@@ -9,11 +9,11 @@
 
 #include <dbus/dbus.h>
 
-static const int farewellMs = 25000;
-static const int reopenMs = 1000;
+static const int silenceMs = 25000;
+static const int retryMs = 1000;
 
-// Arguments behind those named are passed over; a signal that has others is dropped. All else is left to the
-// library, which answers strangers' calls.
+// Ignores arguments after the expected ones, and drops a signal with other arguments. Leaves everything else
+// to libdbus, which answers the calls of strangers.
 static DBusHandlerResult onMessage(DBusConnection *, DBusMessage *message, void *logging)
 {
     Logging *sink = static_cast<Logging *>(logging);
@@ -29,7 +29,26 @@ static DBusHandlerResult onMessage(DBusConnection *, DBusMessage *message, void 
     } else {
         return DBUS_HANDLER_RESULT_NOT_YET_HANDLED;
     }
-    return DBUS_HANDLER_RESULT_HANDLED; // else the library would look for an object that takes it
+    return DBUS_HANDLER_RESULT_HANDLED; // otherwise libdbus would look for an object that takes the signal
+}
+
+// Delivers the next message. Waits for one if there is none; returns false if none can come, or if the bus
+// daemon sends nothing for 25 s.
+static bool deliverNext(DBusConnection *connection)
+{
+    if (dbus_connection_get_dispatch_status(connection) == DBUS_DISPATCH_COMPLETE) {
+        if (!dbus_connection_get_is_connected(connection))
+            return false;
+        QElapsedTimer silence;
+        silence.start();
+        dbus_connection_read_write(connection, silenceMs);
+        if (silence.elapsed() >= silenceMs) {
+            logWarning() << "the bus does not answer: lines are lost";
+            return false;
+        }
+    }
+    dbus_connection_dispatch(connection);
+    return true;
 }
 
 Receiver::Receiver(Logging *logging)
@@ -44,36 +63,44 @@ Receiver::~Receiver()
 {
     if (!connection)
         return;
-    // What was published before the bus answers comes ahead of the answer.
+    // Everything that was published before the reply of the bus daemon arrives before it.
     DBusMessage *question
         = dbus_message_new_method_call(DBUS_SERVICE_DBUS, DBUS_PATH_DBUS, DBUS_INTERFACE_DBUS, "GetId");
     DBusPendingCall *answer = 0;
-    dbus_connection_send_with_reply(connection, question, &answer, farewellMs);
+    dbus_connection_send_with_reply(connection, question, &answer, DBUS_TIMEOUT_INFINITE);
     dbus_message_unref(question);
-    QElapsedTimer elapsed;
-    elapsed.start();
-    while (answer && !dbus_pending_call_get_completed(answer) && elapsed.elapsed() < farewellMs
-           && dbus_connection_read_write_dispatch(connection, qMax(0, farewellMs - int(elapsed.elapsed())))) {
-    }
+    while (answer && !dbus_pending_call_get_completed(answer) && deliverNext(connection)) { }
     if (answer)
         dbus_pending_call_unref(answer);
     close();
 }
 
+// Opening a connection has no timeout and blocks while the bus daemon hangs. Check first that the bus daemon
+// replies.
 void Receiver::open()
 {
-    connection = dbus_bus_get_private(DBUS_BUS_SESSION, 0);
-    if (!connection)
+    const QDBusConnection bus = QDBusConnection::sessionBus();
+    if (!bus.isConnected()) {
+        logWarning() << "there is no bus any more: no lines come until the next start";
         return;
+    }
+    if (bus.interface()->isServiceRegistered(QLatin1String(DBUS_SERVICE_DBUS)).isValid())
+        connection = dbus_bus_get_private(DBUS_BUS_SESSION, 0);
+    if (connection)
+        subscribe();
+    if (!connection)
+        QTimer::singleShot(retryMs, this, SLOT(open()));
+}
+
+void Receiver::subscribe()
+{
     dbus_connection_set_exit_on_disconnect(connection, false);
     dbus_connection_add_filter(connection, onMessage, logging, 0);
     dbus_bus_add_match(connection, "type='signal',interface='com.qel.zarn5.log',member='log'", 0);
     dbus_bus_add_match(connection, "type='signal',interface='com.qel.zarn5.busmon',member='busmon'", 0);
     int descriptor = -1;
-    if (!dbus_connection_get_unix_fd(connection, &descriptor)) { // cut off by now
-        dbus_connection_close(connection);
-        dbus_connection_unref(connection);
-        connection = 0;
+    if (!dbus_connection_get_unix_fd(connection, &descriptor)) { // the bus daemon has closed it already
+        release();
         return;
     }
     opened.start();
@@ -83,13 +110,12 @@ void Receiver::open()
 
 void Receiver::close()
 {
-    if (!dbus_connection_get_is_connected(connection)) // a bus does that to whoever lets too much wait
+    // A bus daemon closes the connection of a client that lets too many messages wait.
+    if (!dbus_connection_get_is_connected(connection))
         logWarning() << "cut off from the bus: lines are lost";
-    notifier->setEnabled(false); // ahead of its descriptor's end
-    notifier->deleteLater(); // it may be in the middle of its own signal
-    dbus_connection_close(connection);
-    dbus_connection_unref(connection);
-    connection = 0;
+    notifier->setEnabled(false); // before its descriptor is closed
+    notifier->deleteLater(); // its own signal may be the caller
+    release();
 }
 
 void Receiver::onReadable()
@@ -99,20 +125,14 @@ void Receiver::onReadable()
     if (dbus_connection_get_is_connected(connection))
         return;
     close();
-    // Later with a bus that cuts each connection off at once.
-    QTimer::singleShot(opened.elapsed() >= reopenMs ? 0 : reopenMs, this, SLOT(reopen()));
+    // If the connection lasted less than 1 s, wait 1 s before reconnecting, so that a bus daemon that closes
+    // every connection does not cause a busy loop.
+    QTimer::singleShot(opened.elapsed() >= retryMs ? 0 : retryMs, this, SLOT(open()));
 }
 
-// Opening waits for a bus that stands still without a limit, so the bus is asked first.
-void Receiver::reopen()
+void Receiver::release()
 {
-    const QDBusConnection bus = QDBusConnection::sessionBus();
-    if (!bus.isConnected()) {
-        logWarning() << "there is no bus any more: no lines come until the next start";
-        return;
-    }
-    if (bus.interface()->isServiceRegistered(QLatin1String(DBUS_SERVICE_DBUS)).isValid())
-        open();
-    if (!connection)
-        QTimer::singleShot(reopenMs, this, SLOT(reopen()));
+    dbus_connection_close(connection);
+    dbus_connection_unref(connection);
+    connection = 0;
 }

@@ -1,4 +1,4 @@
-// The road by which log lines and telegrams come from the bus.
+// Receives log lines and telegrams from the D-Bus session bus.
 #ifndef RECEIVER_H
 #define RECEIVER_H
 
@@ -10,33 +10,41 @@ class QSocketNotifier;
 struct DBusConnection;
 
 /**
- * Hands the bus signals "log" and "busmon" of any sender to the sink, from a connection of its own. Only a
- * little is read at each turn of the event loop, and the rest waits in the bus: whatever is published,
- * timers, ends of processes and SIGINT come in between. Lives on the main thread and never enters the event
- * loop.
+ * Receives the D-Bus signals "log" and "busmon" from any sender, on a private connection, and passes them
+ * to Logging. Runs on the main thread and never runs an event loop of its own.
+ *
+ * Each iteration of the event loop reads only a small part of the pending signals. The rest waits in the
+ * bus daemon, so that a flood of signals does not delay timers, process exits, or SIGINT.
  */
 class Receiver : public QObject
 {
     Q_OBJECT
 
 public:
-    /** `logging` must outlive this object. Without a bus, which is not reported, no line comes. */
+    /**
+     * `logging` must outlive this object. If the bus daemon refuses the connection, the object tries again
+     * every second.
+     */
     explicit Receiver(Logging *logging);
-    /** Serves all that was published until now. Blocks until the bus has answered, 25 s at most. */
+    /**
+     * Delivers all signals published before this call. Blocks until the bus daemon replies, or sends nothing
+     * for 25 s, which is logged.
+     */
     ~Receiver();
 
 private slots:
     void onReadable();
-    void reopen();
+    void open();
 
 private:
-    void open();
+    void subscribe();
     void close();
+    void release();
 
     Logging *logging;
-    DBusConnection *connection; ///< owned; null without a bus
-    QElapsedTimer opened;
-    QSocketNotifier *notifier; ///< child of this object; of use while there is a connection
+    DBusConnection *connection; ///< owned; null while there is no connection
+    QElapsedTimer opened; ///< time since the connection was opened
+    QSocketNotifier *notifier; ///< child of this object; valid only while there is a connection
 };
 
 #endif

@@ -1,15 +1,15 @@
 #include "watchdog.h"
 
 #include "main.h"
+#include "modules.h"
 
 #include <QCoreApplication>
+#include <QDBusConnectionInterface>
 #include <QDBusInterface>
 #include <QFile>
 #include <QFileInfo>
 #include <QSettings>
 #include <QTextStream>
-
-#include <dbus/dbus.h>
 
 static const int crashPeriodMs = 300000;
 static const int statusPeriodMs = 60000;
@@ -17,14 +17,7 @@ static const int quitMs = 3000;
 static const int waitMs = 5000;
 static const int idleMs = 20000;
 static const int killWaitMs = 3000;
-static const int processNameLength = 15; // of a name the kernel keeps no more
 static const quint64 outputLimit = 100000; // bytes a launch
-
-// The bus library ends the process when it is asked for a name that is none. A unique name is no service.
-static bool isServiceName(const QString &service)
-{
-    return !service.startsWith(QLatin1Char(':')) && dbus_validate_bus_name(service.toUtf8().constData(), 0);
-}
 
 template <typename Match> static Module *findModule(const QList<Module *> &modules, Match match)
 {
@@ -33,6 +26,38 @@ template <typename Match> static Module *findModule(const QList<Module *> &modul
             return module;
     }
     return 0;
+}
+
+QStringList findProcesses(const QString &name, ChildProcess *process)
+{
+    process->start(QLatin1String("pgrep"), QStringList(name));
+    QString output;
+    while (process->waitForReadyRead(30000))
+        output += QString::fromLatin1(process->readAllStandardOutput().constData());
+    QStringList ids = output.split(QLatin1Char('\n'));
+    ids.removeAll(QString());
+    return ids;
+}
+
+// Waits until nobody owns the bus name `service`, then delivers all D-Bus messages that arrived before the
+// last reply, including the loss of that name. Slots run inside this function, so the caller must not rely on
+// anything that a slot can change.
+//
+// Asks the bus daemon at most 100 times. If the bus daemon hangs, each request times out after 1 s, and the
+// function gives up after 25 requests. It does not give up earlier, because a bus daemon that hangs also
+// reports the loss late.
+static void serveBus(const QString &service)
+{
+    QDBusConnectionInterface *bus = QDBusConnection::sessionBus().interface();
+    for (int question = 1; bus && question <= 100; ++question) {
+        const QDBusReply<bool> owned = bus->isServiceRegistered(service);
+        const bool hangs = !owned.isValid();
+        if ((!hangs && !owned.value()) || (hangs && question >= 25))
+            break;
+    }
+    // On Qt 4, the first call parses the messages, and the second one delivers them.
+    QCoreApplication::sendPostedEvents(0, QEvent::MetaCall);
+    QCoreApplication::sendPostedEvents(0, QEvent::MetaCall);
 }
 
 Watchdog::Watchdog(const QStringList &modules, const QString &statusModuleName)
@@ -58,7 +83,8 @@ Watchdog::~Watchdog()
 {
     for (Module *module : modules) {
         if (module->process)
-            module->process->disconnect(this); // a process that is deleted alive still reports its end
+            module->process->disconnect(
+                this); // otherwise the destructor of a running process would call onProcessFinished
         delete module->process;
         disconnectModule(module);
         delete module;
@@ -67,25 +93,21 @@ Watchdog::~Watchdog()
 
 void Watchdog::readModules(const QStringList &names)
 {
-    QSettings settings;
+    const QSettings settings;
     for (const QString &name : names) {
-        const QString path
-            = settings.value(name + QLatin1String("/path"), QLatin1String("zarn5_") + name).toString();
-        const QFileInfo file(path);
+        const ModuleSettings moduleSettings = readModuleSettings(settings, name);
+        const QFileInfo file(moduleSettings.path);
         if (!file.exists()) {
-            logWarning() << QString::fromLatin1("file %1 does not exist").arg(path).toLocal8Bit().constData();
+            const QString text = QString::fromLatin1("file %1 does not exist").arg(moduleSettings.path);
+            logWarning() << text.toLocal8Bit().constData();
             continue;
         }
 
-        Module *module = new Module(); // the brackets make pointers null and numbers 0
+        Module *module = new Module(); // the parentheses make pointers null and numbers 0
         if (name == statusModuleName)
             statusModule = module;
+        static_cast<ModuleSettings &>(*module) = moduleSettings;
         module->path = file.absoluteFilePath();
-        module->start = settings.value(name + QLatin1String("/start"), 1).toInt() != 0;
-        module->wait = settings.value(name + QLatin1String("/wait"), 1).toInt() != 0;
-        module->service
-            = settings.value(name + QLatin1String("/service"), QLatin1String("com.qel.zarn5.") + name)
-                  .toString();
         connect(&module->crashCountTimer, SIGNAL(timeout()), SLOT(onCrashCountTimer()));
         makePrecise(module->crashCountTimer);
         module->crashCountTimer.start(crashPeriodMs);
@@ -141,7 +163,8 @@ void Watchdog::startupKill()
 void Watchdog::startupLaunch()
 {
     logInfo() << "startup 3/4 - starting processes for this session";
-    // The loss of a stale process, killed before, must not be taken for one of the new.
+    // Wait until the bus daemon reports that the killed stale process lost its bus name. Otherwise the report
+    // would be attributed to the new process.
     for (const Module *module : modules) {
         if (module->start && !module->process)
             serveBus(module->service);
@@ -163,7 +186,7 @@ void Watchdog::startupWait()
     state = Running;
     cyclicTimer.setInterval(idleMs);
     statusTimer.start();
-    onStatusTimer(); // the first report does not wait for the timer
+    onStatusTimer(); // sends the first report immediately
 }
 
 void Watchdog::pausing()
@@ -213,7 +236,7 @@ void Watchdog::shutdownKill()
             continue;
         module->process->kill();
         module->process->waitForFinished(killWaitMs);
-        delete module->process; // null if its end was served inside the wait
+        delete module->process; // null if onProcessFinished ran inside the wait
         module->process = 0;
     }
     logInfo() << "system was shutted down";
@@ -272,7 +295,7 @@ bool Watchdog::launchModule(Module *module, const char *wording)
     process->start(module->path, QStringList(QString::number(module->crashCount)));
     if (process->waitForStarted(5000)) {
         logInfo() << wording << baseName.constData() << "with pid" << idOf(*process);
-        // Not before: a process that could not be started is no crash.
+        // Not before the start, because a process that cannot be started has not crashed.
         connect(process, SIGNAL(finished(int, QProcess::ExitStatus)),
                 SLOT(onProcessFinished(int, QProcess::ExitStatus)));
         return true;
@@ -307,8 +330,8 @@ void Watchdog::onReadStandardOutput()
 void Watchdog::killUnresponsive(Module *module)
 {
     const QString baseName = QFileInfo(module->path).baseName();
-    if (baseName.isEmpty()) // a hidden file or a path that ends in a slash
-        return; // pgrep would find all processes
+    if (baseName.isEmpty()) // a hidden file, or a path that ends in a slash: pgrep would find all processes
+        return;
     const QByteArray name = baseName.toLocal8Bit();
     ChildProcess pgrep;
     for (const QString &id : findProcesses(baseName.left(processNameLength), &pgrep)) {
@@ -366,7 +389,7 @@ void Watchdog::onServiceUnregistered(QString name)
         return;
     }
     module->process->kill();
-    module->process->waitForFinished(killWaitMs); // serves the end inside; nothing is touched behind it
+    module->process->waitForFinished(killWaitMs); // runs onProcessFinished, so use nothing after it
 }
 
 void Watchdog::onProcessFinished(int exitCode, QProcess::ExitStatus exitStatus)
@@ -375,7 +398,7 @@ void Watchdog::onProcessFinished(int exitCode, QProcess::ExitStatus exitStatus)
     Module *module = findModule(modules, [=](const Module *m) { return process && m->process == process; });
     if (!module)
         return;
-    process->deleteLater(); // it is in the middle of its own signal
+    process->deleteLater(); // its own signal is the caller
     module->process = 0;
     disconnectModule(module);
 
@@ -394,7 +417,7 @@ void Watchdog::onProcessFinished(int exitCode, QProcess::ExitStatus exitStatus)
     logError() << name << "ended unexpectedly with exit status" << int(exitStatus);
     state = Pausing;
     cyclicTimer.setInterval(0);
-    serveBus(module->service); // its loss must not come after the launch; other slots may run inside
+    serveBus(module->service); // otherwise the loss of the name would be attributed to the next process
 }
 
 void Watchdog::onCrashCountTimer()
@@ -429,7 +452,7 @@ void Watchdog::readMemory(const QString &statusFile, QString *memory)
     QTextStream stream(&file);
     for (QString line = stream.readLine(); !line.isNull(); line = stream.readLine()) {
         if (line.startsWith(QLatin1String("VmSize:"))) {
-            *memory = line.right(9).simplified(); // digits, a blank, kB
+            *memory = line.right(9).simplified(); // the last six digits, a blank, and "kB"
             return;
         }
     }

@@ -1,32 +1,47 @@
-// The supervisor of the modules and its table.
+// The supervisor of the modules, and its module table.
 #ifndef WATCHDOG_H
 #define WATCHDOG_H
 
+#include "qtversion.h"
+#include "settings.h"
+
 #include <QDBusServiceWatcher>
-#include <QProcess>
 #include <QStringList>
-#include <QTimer>
 
 class QDBusInterface;
 
-/** One supervised module. Lives as long as the Watchdog object, which owns it. */
-struct Module
+/**
+ * Runs "pgrep name" and returns the process IDs that it prints, in order. Returns an empty list if pgrep
+ * cannot be started. Blocks until pgrep exits or prints nothing for 30 s.
+ *
+ * The caller provides `process` and keeps it alive if pgrep hangs, because the destructor of a running
+ * QProcess would log a warning here.
+ */
+QStringList findProcesses(const QString &name, ChildProcess *process);
+
+/**
+ * One supervised module: its settings, with the absolute path of the executable, and its state. Owned by
+ * Watchdog; lives as long as the Watchdog object.
+ */
+struct Module : ModuleSettings
 {
-    QString path; ///< absolute path of the executable
-    QString service; ///< bus service name
     QProcess *process; ///< owned; null while the module has no process
     QDBusInterface *interface; ///< owned; null while the module is not connected
-    bool start; ///< the supervisor starts it
-    bool wait; ///< the supervisor waits for its service
-    quint64 outputBytes; ///< read from the process since its launch
-    qint32 crashCount; ///< unexpected ends in the current period; the launch argument
-    QTimer crashCountTimer; ///< ends the period
+    quint64 outputBytes; ///< bytes read from the process since its launch
+    qint32 crashCount; ///< unexpected exits, each within 300 s of the last; argument of the next launch
+    QTimer crashCountTimer; ///< resets crashCount 300 s after the last unexpected exit
 };
 
 /**
- * Launches the modules, follows their processes and bus services, and leads the system from state
- * to state by the ticks of cyclicTimer. Owns the module table. Lives on the main thread and blocks
- * it in bus calls and process waits; a process wait runs the slots of that process inside.
+ * Supervises the modules: launches them, watches their processes and bus names, and runs the state machine,
+ * one pass per timeout of cyclicTimer. Owns the module table. Runs on the main thread.
+ *
+ * D-Bus calls and waits for a process block the main thread. A wait for a process can call the slots that
+ * are connected to that process before it returns.
+ *
+ * The texts that this class logs, their spelling included, and the file name in their tags are an interface:
+ * zarn5ctl and scripts of operators read them. Never change them, and never move a log statement to another
+ * file.
  */
 class Watchdog : public QObject
 {
@@ -34,14 +49,16 @@ class Watchdog : public QObject
 
 public:
     /**
-     * Builds the table of those `modules` whose executables exist and starts the state machine.
-     * `statusModuleName`: the one of them that receives the status reports.
+     * Builds the table of the `modules` whose executables exist, and starts the state machine.
+     * `statusModuleName` names the module that receives the status reports.
      */
     Watchdog(const QStringList &modules, const QString &statusModuleName);
     ~Watchdog();
 
 public slots:
-    /** Runs both shutdown passes at once: asks the modules to quit, kills what is left. */
+    /**
+     * Runs both shutdown passes immediately: calls quit() on the connected modules, then kills the rest.
+     */
     void forceShutdown();
 
 private slots:
@@ -56,23 +73,23 @@ private slots:
 private:
     friend class InsideTest;
 
-    /** The states of the supervisor. The numbers are tested by range. */
+    /** The supervisor states. The code compares their numbers, so the order matters. */
     enum State {
-        StartupQuit = 0, ///< asks modules left from an earlier run to quit
-        StartupKill = 1, ///< drops the bus connections and removes stale processes
-        StartupLaunch = 2, ///< starts the modules' processes
-        StartupWait = 3, ///< waits for the required services, then releases the modules
+        StartupQuit = 0, ///< calls quit() on modules that a previous run left
+        StartupKill = 1, ///< disconnects all modules and kills stale processes
+        StartupLaunch = 2, ///< launches the modules
+        StartupWait = 3, ///< waits for the required modules, then releases all connected modules
         Running = 4, ///< normal operation
-        Pausing = 5, ///< tells the modules to pause and relaunches missing processes
-        Reestablishing = 6, ///< waits for the required services, then releases the modules again
-        ShutdownQuit = 7, ///< asks the connected modules to quit
-        ShutdownKill = 8, ///< drops the bus connections and kills what is left
-        Down = 9 ///< nothing further
+        Pausing = 5, ///< pauses the connected modules and restarts those without a process
+        Reestablishing = 6, ///< waits for the required modules, then releases all connected modules again
+        ShutdownQuit = 7, ///< calls quit() on the connected modules
+        ShutdownKill = 8, ///< disconnects all modules and kills the processes that still run
+        Down = 9 ///< shutdown is complete
     };
 
     void readModules(const QStringList &modules);
 
-    // One pass of the state machine each.
+    // Each function executes one pass of the state machine.
     void startupQuit();
     void startupKill();
     void startupLaunch();
@@ -82,22 +99,28 @@ private:
     void shutdownQuit();
     void shutdownKill();
 
-    /** Launches every module that should run and does not; false if a launch failed. */
+    /** Launches every module that has no process but should have one. Returns false if a launch fails. */
     bool launchMissing(const char *wording);
-    /** Names every awaited module without a connection; false if there is one. */
+    /** Logs each required module that is not connected. Returns true if there is none. */
     bool allConnected() const;
-    /** Calls run(0) on all connected modules, and only then run(1). */
+    /** Releases the modules: calls run(0) on all connected modules, and then run(1). */
     void release();
 
-    /** Starts the process of a module that has none. `wording`: "started" or "restarted". */
+    /**
+     * Launches a module that has no process. `wording` is the verb of the log message: "started" or
+     * "restarted". Returns false if the process does not start within 5 s.
+     */
     bool launchModule(Module *module, const char *wording);
-    /** Sends SIGKILL to whatever pgrep finds under the module's executable name. */
+    /** Sends SIGKILL to every process that pgrep finds for the module's executable. */
     void killUnresponsive(Module *module);
-    /** Makes `interface` anew; it stays null if nobody owns the service. */
+    /** Recreates `interface`. It stays null if the bus name has no owner. */
     void connectModule(Module *module);
     void disconnectModule(Module *module);
 
-    /** Sets `memory` to the size in the "VmSize:" line of a process status file, if there is one. */
+    /**
+     * Copies the value of the "VmSize:" line of `statusFile` into `memory`. Leaves `memory` unchanged if
+     * the file cannot be read or has no such line.
+     */
     static void readMemory(const QString &statusFile, QString *memory);
 
     quint32 state;
