@@ -1,10 +1,11 @@
-// What stands around a receiver of log lines on the bus, in bare libdbus.
-//   bus sink                   the least that a receiver can do: one write a line
-//   bus post COUNT LENGTH      publishes COUNT lines of LENGTH characters and waits for nobody
-//   bus send PID COUNT LENGTH  the same, but prints µs of wall time and of PID's CPU a line, from the first
-//                              sent until the last stands in the log
-//   bus wait PID TEXT          waits until TEXT stands at the end of the log; prints µs of PID's CPU so far
-// The log is the file "log" in the working folder.
+// Measures a receiver of log lines from the outside. Uses only libdbus.
+//   bus sink                   receives log lines and does the minimum: one write per line
+//   bus post COUNT LENGTH      publishes COUNT lines of LENGTH characters
+//   bus send PID COUNT LENGTH  the same; waits until the last line is in the log; prints, per line, the µs
+//                              of wall time and the µs of CPU time of the process PID
+//   bus wait PID TEXT          waits until TEXT is at the end of the log; prints the total µs of CPU time of
+//                              the process PID
+// The log is the file "log" in the working directory. Each wait times out after 60 s, with exit status 1.
 #include <dbus/dbus.h>
 
 #include <csignal>
@@ -26,16 +27,16 @@ static double now(clockid_t clock)
 {
     timespec time;
     if (clock_gettime(clock, &time) != 0)
-        fail("the receiver is gone");
+        fail("the receiver has exited");
     return time.tv_sec * 1e6 + time.tv_nsec / 1e3;
 }
 
-// The end is more than one line: the receiver may add lines of its own.
+// Searches more than the last line, because the receiver can add its own lines.
 static bool logEndsWith(const std::string &text)
 {
     char end[1024];
     const int log = open("log", O_RDONLY);
-    lseek(log, -off_t(sizeof end), SEEK_END); // what is shorter is read from its start
+    lseek(log, -off_t(sizeof end), SEEK_END); // fails for a shorter file, which is read from its start
     const ssize_t size = read(log, end, sizeof end);
     close(log);
     return size > 0 && memmem(end, size, text.data(), text.size());
@@ -46,12 +47,12 @@ static void await(const std::string &text)
     const double deadline = now(CLOCK_MONOTONIC) + 60e6;
     while (!logEndsWith(text)) {
         if (now(CLOCK_MONOTONIC) > deadline)
-            fail("the last line has not come");
+            fail("the last line did not arrive within 60 s");
         usleep(200);
     }
 }
 
-// With its number at both ends, in `length` characters.
+// Publishes a line of `length` characters with its number at both ends. Returns its end.
 static std::string publish(DBusConnection *bus, int number, size_t length)
 {
     timespec time;
@@ -73,7 +74,7 @@ static std::string publish(DBusConnection *bus, int number, size_t length)
     dbus_message_append_args(message, DBUS_TYPE_UINT32, &level, DBUS_TYPE_STRING, &line, DBUS_TYPE_INVALID);
     dbus_connection_send(bus, message, 0);
     dbus_message_unref(message);
-    // Else libdbus would keep all that the bus takes too slowly.
+    // Otherwise libdbus would store everything that the bus daemon does not accept immediately.
     if (dbus_connection_get_outgoing_size(bus) > 100000)
         dbus_connection_flush(bus);
     return tail;
@@ -91,7 +92,7 @@ static std::string post(DBusConnection *bus, int count, size_t length)
 static void send(DBusConnection *bus, clockid_t cpu, int count, size_t length)
 {
     std::string end;
-    do { // nothing else tells when the receiver has subscribed
+    do { // until the receiver has subscribed
         end = publish(bus, 0, 80);
         dbus_connection_flush(bus);
         usleep(20000);
@@ -113,13 +114,13 @@ static DBusHandlerResult onSignal(DBusConnection *, DBusMessage *message, void *
     static char line[1 << 18];
     const int size = snprintf(line, sizeof line, "[%05i]    %s\n", 0, text);
     if (write(*static_cast<int *>(log), line, size) != size)
-        fail("the log cannot be written");
+        fail("cannot write to the log");
     return DBUS_HANDLER_RESULT_HANDLED;
 }
 
 static void sink(DBusConnection *bus)
 {
-    signal(SIGINT, SIG_DFL); // a background process of the shell ignores it
+    signal(SIGINT, SIG_DFL); // because a background process of a shell ignores SIGINT
     int log = open("log", O_WRONLY | O_CREAT | O_TRUNC, 0644);
     dbus_connection_add_filter(bus, onSignal, &log, 0);
     dbus_bus_add_match(bus, "type='signal',interface='com.qel.zarn5.log'", 0);
@@ -131,7 +132,7 @@ int main(int, char **argv)
     const std::string work = argv[1];
     clockid_t cpu;
     if ((work == "send" || work == "wait") && clock_getcpuclockid(atoi(argv[2]), &cpu) != 0)
-        fail("no receiver");
+        fail("there is no process with the PID of the receiver");
     if (work == "wait") {
         await(argv[3]);
         printf("%f\n", now(cpu));
@@ -139,7 +140,7 @@ int main(int, char **argv)
     }
     DBusConnection *bus = dbus_bus_get(DBUS_BUS_SESSION, 0);
     if (!bus)
-        fail("no session bus");
+        fail("cannot connect to the session bus");
     if (work == "sink")
         sink(bus);
     else if (work == "send")

@@ -1,8 +1,9 @@
-// What keepwatch's log road costs within one process, or the floor under it (WHO: keepwatch or floor).
-//   inside lines WHO COUNT    writes lines of 80 characters to the file "log": µs of CPU a line and MB of
-//                             resident memory behind the last
-//   inside dropped WHO COUNT  ns of CPU a dropped message
-// Results go to file descriptor 3, since stdout belongs to the log.
+// Measures the log writer of keepwatch, without the bus, or the minimum that such work costs, the floor.
+// WHO is "keepwatch" or "floor".
+//   inside lines WHO COUNT    writes lines of 80 characters to the file "log"; prints the µs of CPU time per
+//                             line, and the MB of resident memory after the last line
+//   inside dropped WHO COUNT  drops messages; prints the ns of CPU time per message
+// Prints to file descriptor 3, because keepwatch writes the log to stdout.
 #define main keepwatchMain
 #include "main.cpp"
 #undef main
@@ -33,7 +34,7 @@ static void writeLine(int log, const QByteArray &line)
         abort();
 }
 
-// As in practice each line bears a recent stamp of its own. The clock stands while a batch is made.
+// Each line has its own recent timestamp, as in practice. The time to create the lines is not measured.
 static void lines(bool floor, int count)
 {
     const QScopedPointer<Logging> logging(floor ? 0 : new Logging);

@@ -1,5 +1,5 @@
 #!/usr/bin/python3
-# What bench/soak does within its stage: soak.py DAEMON PUBLISHER SECONDS SEED. Each step is drawn before the first is taken.
+# The part of bench/soak that runs on a stage. Usage: soak.py DAEMON PUBLISHER SECONDS SEED
 import contextlib, datetime, os, random, re, shutil, signal, subprocess, sys, tempfile, time
 import dbus, dbus.lowlevel
 
@@ -10,9 +10,9 @@ bus = dbus.SessionBus()
 bus.set_exit_on_disconnect(False)
 bus_runs = True
 published = 0
-ended = {}  # the processes that were made to end, and their modules
-strangers = []  # the processes that make storms
-full = []  # for each full disk: the last line logged before, the last line published until there was room again
+ended = {}  # process IDs of the modules that a step caused to exit, with the name of the module
+publishers = []  # processes that flood the bus
+full = []  # for each time that the disk was full: the last line logged before, the last line published before its end
 
 
 class Fault(Exception):
@@ -22,7 +22,7 @@ class Fault(Exception):
 def emit(interface, member, signature, *arguments):
     message = dbus.lowlevel.SignalMessage("/", interface, member)
     message.append(signature=signature, *arguments)
-    bus.send_message(message)  # never waits
+    bus.send_message(message)  # does not block
 
 
 def log(text):
@@ -37,23 +37,23 @@ def publish(count):
 
 
 def live(seconds, done=lambda: False, count=1):
-    """Publishes `count` lines every 5 ms until `done`; false if it was not done in time."""
+    """Publishes `count` lines every 5 ms until `done` returns true. Returns false if it does not within `seconds`."""
     end = time.monotonic() + seconds
     while not done():
         if daemon.poll() is not None:
-            raise Fault(f"keepwatch is gone, with status {daemon.returncode}")
+            raise Fault(f"keepwatch exited with status {daemon.returncode}")
         if time.monotonic() > end:
             return False
         publish(count)
         if bus_runs:
-            bus.flush()  # by itself it sends 2 kB at a time
+            bus.flush()  # because libdbus alone sends only 2 kB at a time
         time.sleep(0.005)
     return True
 
 
 def expect(what, done, count=1):
     if not live(180, done, count):
-        raise Fault(what + ", though nothing is in the way")
+        raise Fault(what + " within 180 s, although nothing prevents it")
 
 
 def read(path, start=0):
@@ -67,7 +67,7 @@ def children():
 
 
 def process_of(name):
-    """The module's process that nothing has ended yet, once it has become the module."""
+    """Returns the process ID of the module, or None before its executable runs and after a step caused its exit."""
     for pid in set(children()) - set(ended):
         with contextlib.suppress(OSError):
             if read(f"/proc/{pid}/comm").strip().decode() == f"zarn5_{name}"[:15]:
@@ -109,7 +109,7 @@ def stop(name, stopped):
         os.kill(stopped[0], signal.SIGSTOP)
 
 
-def go_on(stopped):
+def resume(stopped):
     if stopped[0]:
         with contextlib.suppress(ProcessLookupError):
             os.kill(stopped[0], signal.SIGCONT)
@@ -121,25 +121,25 @@ def stop_bus():
     os.kill(bus_pid, signal.SIGSTOP)
 
 
-def bus_goes_on():
+def resume_bus():
     global bus_runs
     os.kill(bus_pid, signal.SIGCONT)
     bus_runs = True
 
 
 def resize(size):
-    # Without the options that it has: in a user namespace of its own some are refused.
+    # Ignore the present mount options, because a user namespace is not allowed to set all of them.
     return subprocess.call(["mount", "--options-mode=ignore", "-o", f"remount,size={size}", "soak",
                             os.path.abspath("disk")], stderr=subprocess.DEVNULL) == 0
 
 
 def fill():
-    full.append([max(numbers(tail(30000000)), default=0), None])  # storms stand between
-    for _ in range(100):  # it may grow meanwhile
+    full.append([max(numbers(tail(30000000)), default=0), None])  # floods can fill the end of the log
+    for _ in range(100):  # the log can grow in the meantime
         disk = os.statvfs("disk")
         if resize((disk.f_blocks - disk.f_bfree) * disk.f_frsize):
             return
-    raise Fault("the disk cannot be made full")
+    raise Fault("cannot fill the disk")
 
 
 def make_room():
@@ -156,7 +156,7 @@ def send_wrong():
     for signature, arguments in values:
         emit("com.qel.zarn5.log", "log", signature, *arguments)
         emit("com.qel.zarn5.busmon", "busmon", signature, *arguments)
-    emit("com.qel.zarn5.log", "log", "us", 6, "x" * 70000000)  # no such level: it is taken in, but not written
+    emit("com.qel.zarn5.log", "log", "us", 6, "x" * 70000000)  # is received but not written: the level is invalid
 
 
 def talk(name, size):
@@ -167,25 +167,25 @@ def talk(name, size):
         os.kill(pid, signal.SIGWINCH)
 
 
-def storm(lines, length):
-    """Somebody else publishes as fast as the bus takes it."""
-    strangers.append(subprocess.Popen([publisher, "post", str(lines), str(length)]))
+def flood(lines, length):
+    """Starts a process that publishes lines as fast as the bus daemon accepts them."""
+    publishers.append(subprocess.Popen([publisher, "post", str(lines), str(length)]))
 
 
 def draw_steps():
-    """Rounds of all kinds, in any order: (seconds from the start, step, its arguments)."""
+    """Returns a list of (seconds from the start, step, arguments). Each round has all kinds, in random order."""
     draw = random.Random(seed)
     steps = []
     now = 0
     while now < seconds:
-        kinds = ["end", "newborns", "both", "leave", "stop", "bus", "full", "flood", "wrong", "talk"]
+        kinds = ["end", "newborns", "both", "leave", "stop", "bus", "full", "burst", "wrong", "talk"]
         for kind in draw.sample(kinds, len(kinds)):
             now += draw.uniform(0, 6)
             later = now + draw.uniform(0.1, 6)
             name, other = draw.sample(names, 2)
             if kind in ("end", "newborns", "both", "leave", "stop"):
                 lines, length = draw.choice([(30000, 80), (300, 20000)])
-                steps.append((max(0, now - draw.uniform(0, 0.5)), storm, draw.randint(1, lines), length))
+                steps.append((max(0, now - draw.uniform(0, 0.5)), flood, draw.randint(1, lines), length))
             if kind == "end":
                 steps.append((now, end, name, draw.choice([signal.SIGKILL, signal.SIGTERM])))
             elif kind == "newborns":
@@ -197,12 +197,12 @@ def draw_steps():
                 steps.append((now, end, name, signal.SIGUSR1))
             elif kind == "stop":
                 stopped = [None]
-                steps += [(now, stop, name, stopped), (later, go_on, stopped)]
+                steps += [(now, stop, name, stopped), (later, resume, stopped)]
             elif kind == "bus":
-                steps += [(now, stop_bus), (later, bus_goes_on)]
+                steps += [(now, stop_bus), (later, resume_bus)]
             elif kind == "full":
                 steps += [(now, fill), (later, make_room)]
-            elif kind == "flood":
+            elif kind == "burst":
                 steps.append((now, publish, draw.randint(1000, 20000)))
             elif kind == "wrong":
                 steps.append((now, send_wrong))
@@ -222,15 +222,15 @@ def measure():
 
 
 def settled(start, ends):
-    """Whether the last that the log says behind `start` is a release, after so many ends."""
+    """Returns whether both modules run, and the log after `start` has at least `ends` exits and then a release."""
     text = read("disk/log", start)
     return (all(process_of(name) for name in names) and text.count(b"ended unexpectedly") >= ends
             and max(text.rfind(b"unexpectedly"), text.rfind(b"pausing")) < text.rfind(b": run!"))
 
 
 def report_minute(minute):
-    counts = "{} counted, {} relaunches, {} releases".format(*count(read("out")))
-    print("minute {}: {} ends, {}; {} lines published; {} MB, {} descriptors, {} children".format(
+    counts = "{} logged, {} restarts, {} releases".format(*count(read("out")))
+    print("minute {}: {} exits, {}; {} lines published; {} MB, {} descriptors, {} children".format(
         minute, len(ended), counts, published, *measure()), flush=True)
 
 
@@ -246,9 +246,9 @@ def run():
         os.symlink(os.path.dirname(os.path.realpath(__file__)) + "/soak-module", "zarn5_" + name)
     with open("out", "wb") as out, open("err", "wb") as err:
         daemon = subprocess.Popen([executable], stdout=out, stderr=err)
-    expect("no log", lambda: os.path.exists("disk/log"), 0)
-    expect("no first release", lambda: settled(0, 0), 0)
-    live(2)  # the calls of the release are behind it
+    expect("there was no log", lambda: os.path.exists("disk/log"), 0)
+    expect("there was no first release", lambda: settled(0, 0), 0)
+    live(2)  # until the calls of the release have returned
     before = measure()
 
     start = time.monotonic()
@@ -264,15 +264,15 @@ def run():
         log(f"step {step.__name__} {arguments}")
         step(*arguments)
 
-    for stranger in strangers:
-        expect("a storm does not end", lambda: stranger.poll() is not None)
-    # All good again; then a last end of both, so that their output is read again too.
-    expect("a module is missing", lambda: all(process_of(name) for name in names))
+    for process in publishers:
+        expect("a flood did not end", lambda: process.poll() is not None)
+    # Wait for normal operation. Then kill both modules once more, so that keepwatch reads their output again, too.
+    expect("a module did not run", lambda: all(process_of(name) for name in names))
     position = os.stat("disk/log").st_size
     end_both(*names, 0)
-    expect("no last release", lambda: settled(position, 2))
+    expect("there was no last release", lambda: settled(position, 2))
     live(2)
-    expect("the last line is missing", lambda: numbers(tail())[-1:] == [published], 0)
+    expect("the last line was not logged", lambda: numbers(tail())[-1:] == [published], 0)
     after = measure()
     crashes = sum(int(read(f"/proc/{process_of(name)}/cmdline").split(b"\0")[-2]) for name in names)
     daemon.send_signal(signal.SIGINT)
@@ -281,7 +281,7 @@ def run():
 
 
 def judge(before, after, crashes, status):
-    """Prints what became of all; the faults."""
+    """Prints the results and returns the list of faults."""
     output, logged = numbers(read("out")), numbers(read("disk/log"))
     ends, (counted, relaunches, releases) = len(ended), count(read("out"))
     missing = set(range(1, published + 1)) - set(logged)
@@ -291,18 +291,19 @@ def judge(before, after, crashes, status):
     print(f"""
 | soak of {seconds} s, seed {seed} | |
 |---|---|
-| ends made; reported, counted, relaunched by keepwatch | {ends}; {counted}, {crashes}, {relaunches} |
+| exits that a step caused; logged, counted, restarted by keepwatch | {ends}; {counted}, {crashes}, {relaunches} |
 | releases after them | {releases} |
-| storms of up to 30,000 lines, or of 300 lines of 20 kB, beside them | {len(strangers)} |
-| numbered lines published; in the log | {published}; {len(logged)} |
-| lines that found no room on the full disk; lost; out of order | {len(no_room)}; {lost}; {disorder} |""")
+| floods of up to 30,000 lines, or of 300 lines of 20 kB | {len(publishers)} |
+| numbered lines published; logged | {published}; {len(logged)} |
+| lines that did not fit on the full disk; lost; out of order | {len(no_room)}; {lost}; {disorder} |""")
     for what, index in ("memory, MB", 0), ("descriptors", 1), ("children", 2):
         print(f"| {what}: at the start; at the end | {before[index]}; {after[index]} |")
-    said = read("err").decode(errors="replace")
-    faults = {"ends, counts and relaunches differ": not ends == counted == crashes == relaunches,
-              "lines are lost or out of order": lost or disorder,
-              "a leak": after[0] > before[0] + 50 or after[1] > before[1] or after[2] != before[2],
-              f"keepwatch ended with status {status}: {said}": status or said}
+    errors = read("err").decode(errors="replace")
+    faults = {"exits, counts, and restarts differ": not ends == counted == crashes == relaunches,
+              "lines were lost or out of order": lost or disorder,
+              "memory, descriptors, or children grew": (after[0] > before[0] + 50 or after[1] > before[1]
+                                                        or after[2] != before[2]),
+              f"keepwatch exited with status {status}: {errors}": status or errors}
     return [fault for fault, seen in faults.items() if seen]
 
 
@@ -318,5 +319,5 @@ if faults:
     for file in "out", "err", "disk/log":
         if os.path.exists(file):
             shutil.copy(file, kept)
-    print("the log is kept in", kept)
+    print("the log was saved in", kept)
     sys.exit(1)

@@ -1,5 +1,5 @@
-// A sample module: all that a program needs to be supervised by keepwatch. Built under two names,
-// zarn5_gui and zarn5_uartinterface; its own name tells which of the two it is.
+// A sample module: everything that keepwatch requires of the programs that it supervises. It is built under
+// two names, zarn5_gui and zarn5_uartinterface, and derives its bus name from its file name.
 #include <QCoreApplication>
 #include <QDBusAbstractAdaptor>
 #include <QDBusConnection>
@@ -32,11 +32,11 @@ static void publishTelegram(const QString &telegram)
 {
     QDBusMessage signal = QDBusMessage::createSignal(
         QLatin1String("/"), QLatin1String("com.qel.zarn5.busmon"), QLatin1String("busmon"));
-    signal << telegram + QLatin1Char('\n'); // keepwatch adds no line end
+    signal << telegram + QLatin1Char('\n'); // because keepwatch adds no line end
     QDBusConnection::sessionBus().send(signal);
 }
 
-/** The three methods that keepwatch calls. It waits for each to return, so none may take long. */
+/** The methods that keepwatch calls. Each must return immediately, because keepwatch blocks until it does. */
 class ModuleAdaptor : public QDBusAbstractAdaptor
 {
     Q_OBJECT
@@ -58,23 +58,23 @@ public slots:
 
     void updateKeepwatchInfo(const QStringList &report)
     {
-        // Three strings a module: service, size of its memory, crash count.
+        // The report has three strings per module: its bus name, its memory size, and its crash count.
         for (int i = 0; i + 2 < report.size(); i += 3)
             publishLog(5,
                        QString::fromLatin1("report: %1, %2, %3 crashes")
                            .arg(report[i], report[i + 1], report[i + 2]));
     }
 
-    // Ends within the call: at shutdown SIGKILL follows the last answer.
+    // Exits before it replies, because at shutdown keepwatch kills the module after the last reply.
     void quit()
     {
         publishLog(5, QLatin1String("told to quit"));
-        QDBusConnection::sessionBus().unregisterService(serviceName()); // goes behind the line
+        QDBusConnection::sessionBus().unregisterService(serviceName()); // sends the log line first
         _exit(0);
     }
 };
 
-// The interface is named after the service, so each service needs a class of its own.
+// The interface name contains the bus name, so each module needs its own class.
 class GuiAdaptor : public ModuleAdaptor
 {
     Q_OBJECT
@@ -106,7 +106,7 @@ int main(int argc, char **argv)
         = QFileInfo(application.applicationFilePath()).baseName().remove(QLatin1String("zarn5_"));
     application.setApplicationName(name);
 
-    // What a module prints reaches the log as a warning.
+    // keepwatch logs module output as a warning.
     printf("launched with crash count %s\n", argc > 1 ? argv[1] : "unknown");
     fflush(stdout);
 
@@ -114,7 +114,7 @@ int main(int argc, char **argv)
         new GuiAdaptor(&application);
     else
         new UartinterfaceAdaptor(&application);
-    // The object first, the service last: keepwatch calls as soon as it sees the service.
+    // Take the bus name last, because keepwatch calls the object as soon as the name has an owner.
     QDBusConnection bus = QDBusConnection::sessionBus();
     if (!bus.registerObject(QLatin1String("/"), &application) || !bus.registerService(serviceName())) {
         fprintf(stderr, "cannot take the service: %s\n", qPrintable(bus.lastError().message()));

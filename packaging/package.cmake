@@ -1,9 +1,9 @@
-# What is installed where, and the Debian package.
+# Installs the files and describes the Debian package.
 include(GNUInstallDirs)
 set(CMAKE_INSTALL_DEFAULT_DIRECTORY_PERMISSIONS
   OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ GROUP_EXECUTE WORLD_READ WORLD_EXECUTE)
 
-# The time stamp inside would make every build a different package: -n leaves it out.
+# Compresses a file and installs it. gzip -n omits the time, so that every build gives the same package.
 function(install_gzipped file directory)
   get_filename_component(name ${file} NAME)
   add_custom_command(OUTPUT ${name}.gz
@@ -21,7 +21,7 @@ install(FILES device/dbus.service.d/keepwatch.conf DESTINATION lib/systemd/user/
 foreach(page keepwatch zarn5-alive zarn5-bus zarn5-check zarn5-module-check zarn5-oldlog zarn5-plot zarn5-state)
   install_gzipped(man/${page}.8 ${CMAKE_INSTALL_MANDIR}/man8)
 endforeach()
-# Two pages are one and the same.
+# These two programs share the manual page of zarn5-alive.
 foreach(name zarn5-calls zarn5-guard)
   execute_process(COMMAND ${CMAKE_COMMAND} -E create_symlink zarn5-alive.8.gz ${CMAKE_CURRENT_BINARY_DIR}/${name}.8.gz)
   install(FILES ${CMAKE_CURRENT_BINARY_DIR}/${name}.8.gz DESTINATION ${CMAKE_INSTALL_MANDIR}/man8)
@@ -29,8 +29,8 @@ endforeach()
 install_gzipped(man/keepwatch.conf.5 ${CMAKE_INSTALL_MANDIR}/man5)
 install_gzipped(packaging/changelog ${CMAKE_INSTALL_DOCDIR})
 
-# Pages lie beside the folder of examples, which has its own names for the folders of the fleet: their links
-# follow.
+# Installs a page and adapts its links, because the package has other folders than the source: device/, demo/, and fleet/
+# become examples/, and the folders of fleet/ get the names of the programs that they configure.
 function(install_page page directory)
   string(REPLACE / - name ${page})
   get_filename_component(file ${page} NAME)
@@ -71,12 +71,12 @@ set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_PACKAGE_MAINTAINER "keepwatch maintainers <keepwatch@keepwatch.invalid>")
 set(CPACK_DEBIAN_PACKAGE_SECTION admin)
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
-# pgrep and kill; and a session bus, be it one started by hand with dbus-run-session.
+# procps contains pgrep and kill. dbus-daemon alone suffices for a bus that dbus-run-session starts.
 set(CPACK_DEBIAN_PACKAGE_DEPENDS
   "procps, default-dbus-session-bus | dbus-session-bus | dbus-daemon")
 set(CPACK_DEBIAN_PACKAGE_SUGGESTS "dbus-daemon, gnuplot-nox, lnav, python3-dbus, python3-gi, runit, tzdata")
 set(CPACK_DEBIAN_PACKAGE_DESCRIPTION "module supervisor and log collector for a device
-keepwatch starts the programs of an embedded device, waits for their D-Bus
-services, tells them to run, and relaunches whatever ends. It is also the one
-place where all their log lines end.")
+keepwatch starts the programs of an embedded device, waits until they own their
+D-Bus names, releases them, and restarts a program that exits. It also collects
+all of their log lines in one log.")
 include(CPack)

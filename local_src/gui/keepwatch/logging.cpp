@@ -10,7 +10,6 @@
 #include <QTextStream>
 #include <QThread>
 
-#include <algorithm>
 #include <cstdio>
 #include <cstring>
 #include <syslog.h>
@@ -136,7 +135,11 @@ static void write(QFile *file, QTextStream *stream, const QString &text)
 // Returns false for a text with NUL, too, because the C library stops there.
 static bool isAscii(const QString &text)
 {
-    return std::all_of(text.begin(), text.end(), [](QChar c) { return c >= QChar(1) && c <= QChar(127); });
+    for (const QChar c : text) {
+        if (c.isNull() || c.unicode() > 127)
+            return false;
+    }
+    return true;
 }
 
 // Formats a line as QString::sprintf of Qt 4 does: %s takes the bytes of `message` in the encoding of the
