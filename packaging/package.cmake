@@ -1,5 +1,6 @@
-# Installs the files and describes the Debian package.
+# Installs the files and describes the Debian packages: keepwatch for a device, keepwatch-dev for authors of modules.
 include(GNUInstallDirs)
+set(CMAKE_INSTALL_DEFAULT_COMPONENT_NAME keepwatch) # of all that is installed below
 set(CMAKE_INSTALL_DEFAULT_DIRECTORY_PERMISSIONS
   OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ GROUP_EXECUTE WORLD_READ WORLD_EXECUTE)
 
@@ -14,11 +15,11 @@ function(install_gzipped file directory)
 endfunction()
 
 install(TARGETS keepwatch zarn5-check RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
-install(PROGRAMS tools/zarn5-alive tools/zarn5-bus tools/zarn5-calls tools/zarn5-guard tools/zarn5-module-check tools/zarn5-oldlog tools/zarn5-plot tools/zarn5-state
+install(PROGRAMS tools/zarn5-alive tools/zarn5-bus tools/zarn5-calls tools/zarn5-guard tools/zarn5-oldlog tools/zarn5-plot tools/zarn5-state
   DESTINATION ${CMAKE_INSTALL_BINDIR})
 install(FILES device/keepwatch.service DESTINATION lib/systemd/user)
 install(FILES device/dbus.service.d/keepwatch.conf DESTINATION lib/systemd/user/dbus.service.d)
-foreach(page keepwatch zarn5-alive zarn5-bus zarn5-check zarn5-module-check zarn5-oldlog zarn5-plot zarn5-state)
+foreach(page keepwatch zarn5-alive zarn5-bus zarn5-check zarn5-oldlog zarn5-plot zarn5-state)
   install_gzipped(man/${page}.8 ${CMAKE_INSTALL_MANDIR}/man8)
 endforeach()
 # These two programs share the manual page of zarn5-alive.
@@ -30,13 +31,16 @@ install_gzipped(man/keepwatch.conf.5 ${CMAKE_INSTALL_MANDIR}/man5)
 install_gzipped(packaging/changelog ${CMAKE_INSTALL_DOCDIR})
 
 # Installs a page and adapts its links, because the package has other folders than the source: device/, demo/, and fleet/
-# become examples/, and the folders of fleet/ get the names of the programs that they configure.
+# become examples/, and the folders of fleet/ get the names of the programs that they configure. Links to what
+# keepwatch-dev contains lead there.
 function(install_page page directory)
   string(REPLACE / - name ${page})
   get_filename_component(file ${page} NAME)
   add_custom_command(OUTPUT ${name}/${file}
     COMMAND ${CMAKE_COMMAND} -E make_directory ${name}
     COMMAND sed -E -e "s,\\]\\((\\.\\./)?device/((keepwatch|dbus)\\.service),](../../../lib/systemd/user/\\2,g"
+      -e "s,\\]\\((doc/)?modules\\.md,](../keepwatch-dev/modules.md,g"
+      -e "s,\\]\\(doc/examples,](../keepwatch-dev/examples,g" -e "s,\\]\\(demo/,](../keepwatch-dev/examples/,g"
       -e "s,\\]\\((\\.\\./)?(device|demo|fleet)/,](examples/,g" -e "s,\\]\\(doc/,](,g"
       -e "s,(\\]\\([a-z./]*)collector/,\\1rsyslog/,g" -e "s,(\\]\\([a-z./]*)store/,\\1clickhouse/,g"
       -e "s,(\\]\\([a-z./]*)metrics/,\\1prometheus/,g"
@@ -47,11 +51,10 @@ function(install_page page directory)
 endfunction()
 
 set(examples ${CMAKE_INSTALL_DOCDIR}/examples)
-foreach(page README.md doc/operating.md doc/measurements.md doc/modules.md doc/porting.md)
+foreach(page README.md doc/operating.md doc/measurements.md doc/porting.md)
   install_page(${page} ${CMAKE_INSTALL_DOCDIR})
 endforeach()
-install(FILES doc/module.xml doc/plot.png doc/lnav.png packaging/copyright DESTINATION ${CMAKE_INSTALL_DOCDIR})
-install(DIRECTORY doc/examples DESTINATION ${CMAKE_INSTALL_DOCDIR})
+install(FILES doc/plot.png doc/lnav.png packaging/copyright DESTINATION ${CMAKE_INSTALL_DOCDIR})
 foreach(folders collector:rsyslog store:clickhouse metrics:prometheus)
   string(REPLACE : ";" folders ${folders})
   list(GET folders 0 folder)
@@ -62,8 +65,16 @@ foreach(folders collector:rsyslog store:clickhouse metrics:prometheus)
 endforeach()
 install(DIRECTORY device/arm device/supervisors DESTINATION ${examples} USE_SOURCE_PERMISSIONS)
 install(PROGRAMS device/busybox-init device/backoff DESTINATION ${examples})
-install(FILES packaging/lintian-overrides DESTINATION share/lintian/overrides RENAME keepwatch)
-install(FILES device/lnav.json demo/module.cpp DESTINATION ${examples})
+install(FILES device/lnav.json DESTINATION ${examples})
+
+set(CMAKE_INSTALL_DEFAULT_COMPONENT_NAME dev)
+set(dev ${CMAKE_INSTALL_DATAROOTDIR}/doc/keepwatch-dev)
+install(PROGRAMS tools/zarn5-module-check DESTINATION ${CMAKE_INSTALL_BINDIR})
+install_gzipped(man/zarn5-module-check.8 ${CMAKE_INSTALL_MANDIR}/man8)
+install_page(doc/modules.md ${dev})
+install(FILES doc/module.xml packaging/copyright ${CMAKE_CURRENT_BINARY_DIR}/changelog.gz DESTINATION ${dev})
+install(DIRECTORY doc/examples DESTINATION ${dev})
+install(FILES demo/module.cpp DESTINATION ${dev}/examples)
 
 set(CPACK_GENERATOR DEB)
 set(CPACK_STRIP_FILES ON)
@@ -74,9 +85,22 @@ set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
 # procps contains pgrep and kill. dbus-daemon alone suffices for a bus that dbus-run-session starts.
 set(CPACK_DEBIAN_PACKAGE_DEPENDS
   "procps, default-dbus-session-bus | dbus-session-bus | dbus-daemon")
-set(CPACK_DEBIAN_PACKAGE_SUGGESTS "dbus-daemon, gnuplot-nox, lnav, python3-dbus, python3-gi, runit, tzdata")
-set(CPACK_DEBIAN_PACKAGE_DESCRIPTION "module supervisor and log collector for a device
+set(CPACK_DEBIAN_PACKAGE_SUGGESTS "dbus-daemon, gnuplot-nox, keepwatch-dev, lnav, runit")
+set(CPACK_DEBIAN_KEEPWATCH_DESCRIPTION "module supervisor and log collector for a device
 keepwatch starts the programs of an embedded device, waits until they own their
 D-Bus names, releases them, and restarts a program that exits. It also collects
 all of their log lines in one log.")
+set(CPACK_COMPONENTS_ALL keepwatch dev)
+set(CPACK_DEB_COMPONENT_INSTALL ON)
+set(CPACK_DEBIAN_KEEPWATCH_PACKAGE_NAME keepwatch)
+set(CPACK_DEBIAN_DEV_PACKAGE_NAME keepwatch-dev)
+set(CPACK_DEBIAN_DEV_PACKAGE_ARCHITECTURE all)
+set(CPACK_DEBIAN_DEV_PACKAGE_SECTION devel)
+set(CPACK_DEBIAN_DEV_PACKAGE_SHLIBDEPS OFF)
+set(CPACK_DEBIAN_DEV_PACKAGE_DEPENDS "dbus-daemon, python3, python3-dbus, python3-gi, tzdata")
+set(CPACK_DEBIAN_DEV_PACKAGE_SUGGESTS "cmake, dbus-bin, keepwatch, make")
+set(CPACK_DEBIAN_DEV_DESCRIPTION "check and examples for modules of keepwatch
+zarn5-module-check runs a module on a private bus, and tests whether it does
+what keepwatch expects. The package also has the contract of a module, and
+examples in C++, C and Python.")
 include(CPack)
