@@ -8,19 +8,19 @@ if ! grep -zqsxF "STAGE=${STAGE:-none}" /proc/1/environ; then
     echo "$0: runs only on a stage: tests/stage $0 ${*:-build}" >&2
     exit 2
 fi
-root=$PWD build=$(realpath "${1-build}")
+root=$(realpath "${BASH_SOURCE%/*}/..") build=$(realpath "${1-build}")
 cd "$(mktemp -d -p "$STAGE")"
 logs=(log err) # whose ends a failure shows
 
-fail() { # what is wrong
+fail() { # what is wrong; also shows the lines that led here, the last one first
     trap - ERR
     set +e
-    echo "FAIL: $*"
+    echo "FAIL: ${0##*/}, lines ${BASH_LINENO[*]}: $*"
     tail -c 5000 "${logs[@]}" 2>/dev/null
     exit 1
 }
 # A subshell that fails leaves the report to its parent.
-trap '[ $BASH_SUBSHELL != 0 ] || fail "${BASH_SOURCE##*/}, line $LINENO: $BASH_COMMAND"' ERR
+trap '[ $BASH_SUBSHELL != 0 ] || fail "$BASH_COMMAND"' ERR
 skip() { echo "SKIPPED: $*"; } # what is not tested and why; tests/run shows it
 not() { ! "$@"; }
 
@@ -28,7 +28,7 @@ not() { ! "$@"; }
 await() {
     local end=$((SECONDS + ${limit-60}))
     until "$@" >"$STAGE/attempt" 2>&1; do
-        [ $SECONDS -lt $end ] || fail "line ${BASH_LINENO[0]}: not within ${limit-60} s: $* $(tail -c 1000 "$STAGE/attempt")"
+        [ $SECONDS -lt $end ] || fail "not within ${limit-60} s: $* $(tail -c 1000 "$STAGE/attempt")"
         sleep 0.05
     done
 }
@@ -36,14 +36,13 @@ exits() { # exit status, process id of a child
     local status=0
     await not kill -0 "$2"
     wait "$2" || status=$?
-    [ $status = "$1" ] || fail "line ${BASH_LINENO[0]}: exit status $status instead of $1"
+    [ $status = "$1" ] || fail "exit status $status instead of $1"
 }
+terminate() { kill "$2" && exits "$@"; } # exit status, process id of a child
 same() { # a file of tests/expected that standard input has to equal; UPDATE=1 writes it
-    if [ -n "${UPDATE-}" ]; then
-        cat >"$root/tests/expected/$1"
-    else
-        diff -u "$root/tests/expected/$1" -
-    fi
+    cat >"$STAGE/seen"
+    [ -z "${UPDATE-}" ] || cp "$STAGE/seen" "$root/tests/expected/$1"
+    diff -u "$root/tests/expected/$1" "$STAGE/seen"
 }
 
 logged() { grep -qaF -e "$1" "${2-log}"; } # text, file
