@@ -81,6 +81,9 @@ int main(int argc, char **argv)
     const QStringList words = application.arguments();
     const bool floor = words.value(2) == "floor";
     const int number = words.value(3).toInt();
-    words.value(1) == "lines" ? lines(floor, number) : dropped(floor, number);
+    if (words.value(1) == "lines")
+        lines(floor, number);
+    else
+        dropped(floor, number);
     return 0;
 }

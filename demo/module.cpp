@@ -110,10 +110,14 @@ int main(int argc, char **argv)
     printf("launched with crash count %s\n", argc > 1 ? argv[1] : "unknown");
     fflush(stdout);
 
-    if (name == QLatin1String("gui"))
+    if (name == QLatin1String("gui")) {
         new GuiAdaptor(&application);
-    else
+    } else if (name == QLatin1String("uartinterface")) {
         new UartinterfaceAdaptor(&application);
+    } else {
+        fprintf(stderr, "%s: has no adaptor here; add a class with its interface\n", qPrintable(name));
+        return 1;
+    }
     // Take the bus name last, because keepwatch calls the object as soon as the name has an owner.
     QDBusConnection bus = QDBusConnection::sessionBus();
     if (!bus.registerObject(QLatin1String("/"), &application) || !bus.registerService(serviceName())) {

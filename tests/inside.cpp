@@ -1,4 +1,4 @@
-// Drives the parts of keepwatch inside this process, on a private bus, slot by slot.
+// Tests the classes of keepwatch in this process, on a private bus, slot by slot. Run it with tests/stage.
 #define main keepwatchMain
 #include "main.cpp"
 #undef main
@@ -14,7 +14,7 @@
 #include <sys/resource.h>
 #include <sys/wait.h>
 
-// Stand in for the C library's, which nobody would hear here.
+// Replace the functions of the C library, and record their arguments.
 static QByteArray heard;
 extern "C" void openlog(const char *name, int option, int facility)
 {
@@ -25,7 +25,7 @@ extern "C" void syslog(int priority, const char *, const char *text)
     heard += QByteArray::number(priority) + text;
 }
 
-// Stands on the bus for all modules: answers every call and notes it ("gui run 0").
+// Replies to the calls to all modules, and records them ("gui run 0").
 class Recorder : public QDBusVirtualObject
 {
 public:
@@ -59,8 +59,8 @@ class InsideTest : public QObject
     QDBusConnection bus = QDBusConnection::sessionBus();
     const QStringList names = { "gui", "uartinterface" };
     const QString gui = "com.qel.zarn5.gui";
-    QString transcript; // of the test, held against the file that is named after it
-    int noted; // characters of the log
+    QString transcript; // of the current test; compared with the expected file of that name
+    int noted; // characters of the log that the transcript has
 
     static QByteArray read(const QString &path)
     {
@@ -76,7 +76,7 @@ class InsideTest : public QObject
         file.write(text);
     }
 
-    // What the log holds behind its first line: level (II for info) and text.
+    // Returns level (II for info) and text of all log lines but the first one.
     static QString log()
     {
         const QRegularExpression head(
@@ -93,7 +93,7 @@ class InsideTest : public QObject
             .arg(timer.isActive() ? "" : " off", plain ? "" : "?");
     }
 
-    // What was said and called since the last note, and how all stands then.
+    // Adds to the transcript: new log lines, new calls, the state, and the module table.
     void note(const QString &title)
     {
         QTextStream out(&transcript);
@@ -115,15 +115,18 @@ class InsideTest : public QObject
         }
     }
 
-    // A table of two modules, on the bus or not, in `state`. The timer ticks for no test.
+    // Creates a Watchdog with two modules, connected or not, in `state`. Its cyclicTimer is stopped.
     void build(bool onBus, quint32 state, const QByteArray &command = "exec sleep 1000")
     {
-        dog.reset(); // a shell that it has launched may be about to read its script
+        dog.reset(); // kills its modules, whose shells could still read the old scripts
         write("zarn5_gui", "#!/bin/sh\n" + command);
         write("zarn5_uartinterface", "#!/bin/sh\nexec sleep 1000");
         for (const QString &name : names) {
             const QString service = "com.qel.zarn5." + name;
-            onBus ? bus.registerService(service) : bus.unregisterService(service);
+            if (onBus)
+                bus.registerService(service);
+            else
+                bus.unregisterService(service);
         }
         dog.reset(new Watchdog(names, "gui"));
         dog->cyclicTimer.stop();
@@ -135,7 +138,7 @@ class InsideTest : public QObject
         noted = log().size();
     }
 
-    // The first of them launched.
+    // Does the same, launches the first module, and returns it.
     Module *launch(bool onBus, quint32 state, const QByteArray &command = "exec sleep 1000")
     {
         build(onBus, state, command);
@@ -151,7 +154,7 @@ private slots:
         passAllMessages();
         setUpSignals();
         QVERIFY(bus.isConnected() && bus.registerVirtualObject("/", &recorder));
-        QCoreApplication::sendPostedEvents(); // until then the library keeps signals back
+        QCoreApplication::sendPostedEvents(); // until then, Qt holds D-Bus signals back
     }
 
     void init()
@@ -161,7 +164,7 @@ private slots:
         QSettings().clear();
         QSettings().setValue("logging/logfile", "log");
         QSettings().setValue("logging/telegramfile", "telegrams");
-        installMessageHandler<messageHandler>(); // in place of the test library's
+        installMessageHandler<messageHandler>(); // QTest has installed its own
         QVERIFY(freopen("out", "w", stdout));
         sink.reset(new Logging);
     }
@@ -214,7 +217,7 @@ private slots:
         transcript = log();
     }
 
-    // The second sink empties the files of the first.
+    // The second Logging object truncates the files of the first one.
     void levelsDelaysAndSyslog()
     {
         heard.clear();
@@ -239,7 +242,7 @@ private slots:
         QVERIFY(!read("out").contains("EE"));
     }
 
-    // In a zone whose clock changes amid a minute: an hour that is skipped, one that is repeated.
+    // In a time zone whose clock changes in the middle of a minute: one hour is skipped, one is repeated.
     void stampsAreTheLibrarysToTheMillisecond()
     {
         const QString form("yyyy-MM-dd hh:mm:ss.zzz"), plain("2026-01-01 10:00:00.000");
@@ -248,7 +251,8 @@ private slots:
                 "2026-01-01 10:00: 5.000", "1893-04-01 00:06:10.000", plain + "0" };
         for (int place = 0; place < 23; ++place)
             stamps << QString(plain).replace(place, 1, place % 2 ? ":" : "\u0663");
-        for (qint64 hour : { 1774746000000, 1792890000000, 253402297200000 }) { // the last before year 10000
+        for (qint64 hour :
+             { 1774746000000, 1792890000000, 253402297200000 }) { // the last one: before the year 10000
             for (qint64 ms = hour - 3600000; ms <= hour + 7200000;
                  ms += ms % 60000 == 59999 ? 1 : 29999 + ms % 2) {
                 stamps << QDateTime::fromMSecsSinceEpoch(ms).toString(form)
@@ -280,8 +284,8 @@ private slots:
         QCOMPARE(rest, line.repeated(rest.count('\n') - 1) + "[00000] WW " + QByteArray(100, 'y') + '\n');
     }
 
-    // Each through the queue of the main thread. Behind the sink's end a message is dropped; ahead of its
-    // beginning it is fatal.
+    // Messages of other threads are queued for the main thread. A message after the destruction of the
+    // Logging object is dropped, and one before its creation is fatal.
     void messagesOfOtherThreadsAndWithoutSink()
     {
         QScopedPointer<QThread> talker(QThread::create([] {
@@ -291,7 +295,7 @@ private slots:
         talker->start();
         QVERIFY(talker->wait());
         sendMessage(QtCriticalMsg, "main");
-        sink.reset(); // serves what still waits
+        sink.reset(); // writes the queued lines
         messageHandler(QtCriticalMsg, "too late");
         transcript = log();
 
@@ -324,7 +328,7 @@ private slots:
             note('"' + value.toString() + '"');
         }
         QSettings().setValue("uartinterface/wait", 1);
-        // Asked for a name that is none, the bus library would end the process. A list is no text.
+        // With an invalid bus name, libdbus would abort the process. A list reads as an empty text.
         for (const QVariant &service : QVariantList { "", "..", "1.2", ":1.1", "a.b'c", "a.\u00fc", "nodots",
                                                       "a." + QString(254, 'b'), names }) {
             QSettings().setValue("uartinterface/service", service);
@@ -388,7 +392,7 @@ private slots:
         note("end");
     }
 
-    // One of the three that pgrep finds takes its time. Not asked for: what has no name or is not started.
+    // Of three kills, one is slow. pgrep is not called for an empty name and for an external module.
     void staleProcesses()
     {
         write("pgrep", "#!/bin/sh\necho pgrep \"$@\" >>asked; printf 1; sleep 0.5; printf '1\\n\\n22\\n33'");
@@ -402,7 +406,7 @@ private slots:
         }
         QSettings().setValue("off/start", 0);
         dog.reset(new Watchdog(files, ""));
-        // Where another one is too slow as well, the machine is busy.
+        // On a busy machine, the other kills can be slow, too.
         int rounds = 0;
         do {
             QFile::remove("asked");
@@ -423,7 +427,7 @@ private slots:
         bus.unregisterService(gui);
         WAIT_FOR(!dog->modules[0]->interface->isValid());
         dog->onCyclicTimer();
-        QVERIFY(!dog->modules[0]->interface->lastError().isValid()); // was not called
+        QVERIFY(!dog->modules[0]->interface->lastError().isValid()); // no call has failed, so there was none
         note("gone");
         dog->onServiceRegistered(gui);
         note("registered, but gone: " + bus.lastError().message());
@@ -435,7 +439,7 @@ private slots:
         for (quint32 state : { 7, 4, 8 }) {
             const QPointer<QProcess> process = launch(true, state)->process;
             dog->onServiceUnregistered(gui);
-            QVERIFY(process); // deleted, but not amid its own signal
+            QVERIFY(process); // not yet deleted, because its own signal is the caller
             note(QString("lost in state %1, with a process").arg(state));
         }
     }
@@ -460,7 +464,7 @@ private slots:
         }
     }
 
-    // The bus notices an end late. A launch under way then would take the loss for its own.
+    // The bus daemon reports the exit late. The report must not be attributed to the next process.
     void aLateLossIsServedAheadOfTheLaunch()
     {
         const QString module = QCoreApplication::applicationDirPath() + "/demo/zarn5_gui";
@@ -473,7 +477,7 @@ private slots:
         ChildProcess stale;
         stale.start(module, QStringList());
         WAIT_FOR(dog->modules[0]->interface);
-        // The bus hears of the end when the last thread has ended.
+        // The bus daemon notices the exit after the last thread has ended.
         haltBus(QString("kill -9 %1; while grep -qsv ') [ZX]' /proc/%1/task/*/stat; do sleep 0.02; done;")
                     .arg(stale.processId()));
         dog->startupLaunch();
@@ -527,7 +531,7 @@ int main(int argc, char **argv)
     }
     QCoreApplication application(argc, argv);
     InsideTest test;
-    const QStringList toStderr = { "-o", "/dev/stderr,txt" }; // standard output is the log's
+    const QStringList toStderr = { "-o", "/dev/stderr,txt" }; // standard output belongs to the log
     return QTest::qExec(&test, application.arguments() + toStderr);
 }
 #include "inside.moc"

@@ -11,12 +11,15 @@ fi
 root=$(realpath "${BASH_SOURCE%/*}/..") build=$(realpath "${1-build}")
 cd "$(mktemp -d -p "$STAGE")"
 logs=(log err) # whose ends a failure shows
+exec {report}>&1 # for failures of commands whose output goes elsewhere
 
 fail() { # what is wrong; also shows the lines that led here, the last one first
     trap - ERR
     set +e
-    echo "FAIL: ${0##*/}, lines ${BASH_LINENO[*]}: $*"
-    tail -c 5000 "${logs[@]}" 2>/dev/null
+    {
+        echo "FAIL: ${0##*/}, lines ${BASH_LINENO[*]}: $*"
+        tail -c 5000 "${logs[@]}" 2>/dev/null
+    } >&"$report"
     exit 1
 }
 # A subshell that fails leaves the report to its parent.

@@ -30,9 +30,9 @@ static const int patienceMs = 10000; // with a command, or with the bus
 static const quint64 roomBytes = 1000000; // of a file system that is not full
 static const rlim_t openFiles = 32; // for the bus, the logs, and pipes to two modules and a command
 
-static QStringList files; // in which the library looks for a key, in its order
-static QStringList known, sections; // that were read
-static QStringList faults; // printed behind all else
+static QStringList files; // in which Qt looks up a key, in this order
+static QStringList known, sections; // that have been read
+static QStringList faults; // printed last
 
 // One line, whatever the text.
 static void print(const QString &text)
@@ -168,8 +168,9 @@ static QStringList settingsFiles()
     return found + rest;
 }
 
-// The end of the line at `start`, as the library takes it: a quoted text and what stands behind a backslash
-// go on over line ends, and a comment begins anew. `equals`: the first = outside of quotes, -1 for none.
+// Returns the end of the line at `start`, as Qt reads it: a quoted text, and a line that ends with a
+// backslash, continue on the next line; a comment does not. `equals`: the first = outside of quotes, -1 for
+// none.
 static int endOfLine(const QByteArray &data, int start, int *equals)
 {
     const bool comment = data.at(start) == ';';
@@ -273,7 +274,7 @@ static bool faultMisreading(const QString &where, const QString &path)
     else if (path.contains(QLatin1Char('$')))
         what = "$ is not replaced by a variable; write its value itself";
     else if (path.contains(QLatin1String(" #")))
-        what = "# begins no comment here, and belongs to the path; put the comment behind a ;";
+        what = "# begins no comment here, and belongs to the path; put the comment after a ;";
     else if (path.startsWith(QLatin1Char('\'')))
         what = "' belongs to the path; put double quotes, or none";
     else if (first != path && QFileInfo(first).isFile())

@@ -1,12 +1,12 @@
-# For 32-bit ARM with Debian's cross compiler. device/arm/build makes the sysroot: the device's
-# libraries and headers.
+# Selects Debian's cross compiler for 32-bit ARM. device/arm/build creates the sysroot, which holds the libraries and
+# headers of the device.
 set(CMAKE_SYSTEM_NAME Linux)
 set(CMAKE_SYSTEM_PROCESSOR arm)
 set(CMAKE_LIBRARY_ARCHITECTURE arm-linux-gnueabihf)
 set(CMAKE_CXX_COMPILER ${CMAKE_LIBRARY_ARCHITECTURE}-g++)
 get_filename_component(CMAKE_SYSROOT ${CMAKE_CURRENT_LIST_DIR}/../../build-arm/sysroot ABSOLUTE)
 
-# Libraries and headers are the device's, programs the machine's.
+# Take libraries and headers from the sysroot, and programs from this machine.
 set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
 set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)

@@ -1,7 +1,7 @@
--- What database.conf fills. Stamps are text, since PostgreSQL would refuse a line whose stamp is no date.
+-- The table that database.conf fills. Timestamps are text, because PostgreSQL would reject a line with an invalid one.
 create table torvi (device text, time text, level text, delay_ms bigint, name text, text text, key text,
                     arrived date not null default current_date);
--- A line that comes again, from its device or from the files, is known by its key.
+-- The key identifies a line that arrives again, from its device or from the files.
 create unique index on torvi (device, key);
 create index on torvi (device, time);
 create index on torvi (device, delay_ms desc);
@@ -13,7 +13,7 @@ create function torvi_add(line json) returns void language sql as $$
     on conflict do nothing
 $$;
 
--- For a line of the files: one that a full disk has cut is passed over, and one without a key, which might be there.
+-- Adds a line of the files. Skips a truncated line, and one without a key, because the table can already contain it.
 create function torvi_refill(line text) returns void language plpgsql as $$
 begin
     if line::json ->> 'key' is not null then
@@ -22,7 +22,7 @@ begin
 exception when data_exception then null;
 end $$;
 
--- The fleet at a glance: how often programs ended unexpectedly, and the worst delay, of whom and when.
+-- Per device: the number of unexpected exits, and the longest delay with its name and time.
 create view fleet as
 select total.*, worst.delay_ms as worst_ms, worst.name as "of", worst.time as "at"
 from (select device, count(*) as lines, count(*) filter (where name = 'keepwatch' and level = 'error'

@@ -1,14 +1,14 @@
--- A collector's lines, by day, which `load` fills from the collector's files, and all collectors' together.
+-- The lines of this collector by day, which `load` reads from its files, and those of all collectors together.
 create database torvi;
 
--- The day is that of the file, which is the collector's; all stamps are text, since a device may write no date.
+-- The day is from the file name, by the collector's clock. Timestamps are text, because that of a device can be invalid.
 create table torvi.lines (day Date, device String, time String, level String, delay_ms Nullable(Int64),
     name String, text String, key String) engine = MergeTree partition by day order by (device, time);
 
--- The same on every server of the cluster in torvi.xml. A question to it fails if one of them is away.
+-- The same on every server of the cluster torvi, see server.xml. A query fails if one of the servers is down.
 create table torvi.fleetlines as torvi.lines engine = Distributed(torvi, torvi, lines);
 
--- The fleet at a glance: how often programs ended unexpectedly, and the worst delay, of whom and when.
+-- Per device: the number of unexpected exits, and the longest delay with its name and time.
 create view torvi.fleet as
 select device, count() as lines,
     countIf(name = 'keepwatch' and level = 'error' and text like '%ended unexpectedly%') as ends,
