@@ -26,18 +26,8 @@ QMutex Logging::mutex;
 static const Qt::HANDLE mainThread = QThread::currentThreadId();
 
 // The levels and the formats are an interface, as are the texts of all log statements: see watchdog.h.
-static const struct
-{
-    const char *format;
-    int priority;
-} levels[] = {
-    { "[%05i] ++ %s\n", LOG_INFO }, // 0: debug
-    { "[%05i] WW %s\n", LOG_WARNING }, // 1: warning
-    { "[%05i] EE %s\n", LOG_ERR }, // 2: error
-    { "[%05i] -> %s\n", LOG_INFO }, // 3: trace, forward
-    { "[%05i] <- %s\n", LOG_INFO }, // 4: trace, backward
-    { "[%05i]    %s\n", LOG_INFO }, // 5: info
-};
+static const char *const marks[] = { "++", "WW", "EE", "->", "<-", "  " }; // by level
+static const int priorities[] = { LOG_INFO, LOG_WARNING, LOG_ERR, LOG_INFO, LOG_INFO, LOG_INFO };
 
 static const QLatin1String stampFormat("yyyy-MM-dd hh:mm:ss.zzz");
 
@@ -144,13 +134,12 @@ static bool isAscii(const QString &text)
 
 // Formats a line as QString::sprintf of Qt 4 does: %s takes the bytes of `message` in the encoding of the
 // locale, up to the first NUL, and reads them as UTF-8. ASCII text needs no conversion.
-static QString formatLine(const char *format, int delay, const QString &message)
+static QString formatLine(const char *mark, int delay, const QString &message)
 {
     char head[32];
-    const int size = qsnprintf(head, sizeof head, format, delay, "") - 1;
-    head[size] = '\0'; // removes the newline, which follows the message
+    qsnprintf(head, sizeof head, "[%05i] %s ", delay, mark);
     QString line;
-    line.reserve(size + message.size() + 1);
+    line.reserve(int(sizeof head) + message.size());
     line += QLatin1String(head);
     line += isAscii(message) ? message : QString::fromUtf8(message.toLocal8Bit().constData());
     return line += QLatin1Char('\n');
@@ -159,9 +148,9 @@ static QString formatLine(const char *format, int delay, const QString &message)
 Logging::Logging()
     : useSyslog(false)
 {
-    const LoggingSettings settings = readLoggingSettings(QSettings());
     instance = this; // without the lock, because no other thread logs yet
     closed = false;
+    const LoggingSettings settings = readLoggingSettings(QSettings()); // Qt logs a malformed value
 
     openFile(settings.telegramFile, &telegramFile, &telegramStream);
     openFile(settings.logFile, &logFile, &logStream);
@@ -215,17 +204,17 @@ void Logging::deliver(uint level, const QString &line)
 
 void Logging::onMessage(uint level, QString message)
 {
-    if (level >= sizeof levels / sizeof *levels)
+    if (level >= sizeof marks / sizeof *marks)
         return;
 
     qint64 stamp;
     const bool stamped = readStamp(message.mid(1, 23), &stamp);
     const int delay = stamped ? int(QDateTime::currentMSecsSinceEpoch() - stamp) : 0;
 
-    const QString text = formatLine(levels[level].format, delay, message);
+    const QString text = formatLine(marks[level], delay, message);
 
     if (useSyslog)
-        syslog(levels[level].priority, "%s", text.toUtf8().constData());
+        syslog(priorities[level], "%s", text.toUtf8().constData());
     else
         fputs(text.toLocal8Bit().constData(), stdout);
     write(logFile, logStream, text);

@@ -166,15 +166,15 @@ int main(int argc, char **argv)
         fputs("an instance of this keepwatch tool is already running. abort.\n", stderr);
         return 0;
     }
-    // Restart a write that the exit of a child interrupts. Otherwise its log lines would be lost.
+    // Restart a write that the exit of a child interrupts. Otherwise its log lines would be lost. Qt has
+    // installed its handler with the first child, above.
     struct sigaction onChild;
     sigaction(SIGCHLD, 0, &onChild);
     onChild.sa_flags |= SA_RESTART;
     sigaction(SIGCHLD, &onChild, 0);
 
     Logging logging;
-    QSettings settings;
-    readFlags(settings);
+    readFlags(QSettings());
 
     QDBusConnection bus = QDBusConnection::sessionBus();
     if (!bus.isConnected())
@@ -182,18 +182,19 @@ int main(int argc, char **argv)
     // libdbus stops reading when 63 MB of messages wait to be handled, and Qt 5 cannot make it continue,
     // because it frees the messages on another thread.
     dbus_connection_set_max_received_size(static_cast<DBusConnection *>(bus.internalPointer()), LONG_MAX);
-    bus.interface()->setTimeout(1000); // of serveBus and Receiver::open
+    bus.interface()->setTimeout(1000); // ms, of the requests in serveBus and Receiver::reopen
     Receiver receiver(&logging);
 
     const bool piped = pipe2(quitPipe, O_CLOEXEC | O_NONBLOCK) == 0;
     QSocketNotifier quitNotifier(quitPipe[0], QSocketNotifier::Read);
     QObject::connect(&quitNotifier, SIGNAL(activated(int)), &application, SLOT(quit()));
 
-    const QStringList modules = moduleNames();
-    Watchdog watchdog(modules, QLatin1String("gui"));
+    Watchdog watchdog(moduleNames(), QLatin1String("gui"));
 
     if (piped) // otherwise SIGINT keeps its default effect
         signal(SIGINT, sigintHandler);
 
-    return application.exec();
+    const int status = application.exec();
+    signal(SIGINT, SIG_IGN); // it would restart the wait of the receiver for the bus daemon
+    return status;
 }

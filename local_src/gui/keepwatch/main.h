@@ -36,8 +36,9 @@ private:
 };
 
 /**
- * Handles all Qt messages of the process, from any thread: adds the timestamp and the name, and passes the
- * line to Logging. Writes a fatal message to stderr and aborts the process.
+ * Handles all Qt messages of the process, from any thread: drops debug and trace messages that the settings
+ * suppress, adds the timestamp and the name, and passes the line to Logging. Writes a fatal message to stderr
+ * and aborts the process.
  */
 void messageHandler(QtMsgType type, const char *msg);
 

@@ -28,8 +28,8 @@ inline QString defaultService(const QString &name)
 }
 
 /**
- * Returns whether a module can own `service`. Check this before every use of a bus name, because libdbus
- * aborts the process if it is given an invalid one. A unique name (":1.2") is valid for libdbus but cannot be
+ * Returns whether a module can own `service`. Check this before a bus name is watched or called, because
+ * libdbus aborts the process on an invalid one. A unique name (":1.2") is valid for libdbus but cannot be
  * owned.
  */
 inline bool isServiceName(const QString &service)

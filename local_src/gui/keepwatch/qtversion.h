@@ -19,8 +19,7 @@ inline void sendMessage(QtMsgType type, const QString &text)
 {
     qt_message_output(type, QMessageLogContext(), text);
 }
-/** Overrides the logging rules of the environment, which would drop log lines. Qt warns of malformed rules.
- */
+/** Overrides the logging rules of the environment, which would drop log lines. */
 inline void passAllMessages()
 {
     QLoggingCategory::installFilter([](QLoggingCategory *category) {
@@ -57,8 +56,8 @@ inline qint64 idOf(const QProcess &process)
 
 /**
  * A process of a module or a command. Use this class instead of QProcess: if fork fails, a plain QProcess of
- * Qt 5 takes -1 for the process ID, and its kill() kills all processes. Subclasses are started in another
- * way.
+ * Qt 5 takes -1 for the process ID, and its kill() kills all processes. Qt 5 starts a subclass by fork
+ * instead of clone, which does not have this fault.
  */
 class ChildProcess : public QProcess
 {

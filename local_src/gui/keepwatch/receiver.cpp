@@ -11,6 +11,8 @@
 
 static const int silenceMs = 25000;
 static const int retryMs = 1000;
+static const char *const rules[] = { "type='signal',interface='com.qel.zarn5.log',member='log'",
+                                     "type='signal',interface='com.qel.zarn5.busmon',member='busmon'" };
 
 // Ignores arguments after the expected ones, and drops a signal with other arguments. Leaves everything else
 // to libdbus, which answers the calls of strangers.
@@ -32,8 +34,8 @@ static DBusHandlerResult onMessage(DBusConnection *, DBusMessage *message, void 
     return DBUS_HANDLER_RESULT_HANDLED; // otherwise libdbus would look for an object that takes the signal
 }
 
-// Delivers the next message. Waits for one if there is none; returns false if none can come, or if the bus
-// daemon sends nothing for 25 s.
+// Delivers the next message, or waits for a part of one if there is none. Returns false if none can come, or
+// if the bus daemon sends nothing for 25 s.
 static bool deliverNext(DBusConnection *connection)
 {
     if (dbus_connection_get_dispatch_status(connection) == DBUS_DISPATCH_COMPLETE) {
@@ -42,7 +44,8 @@ static bool deliverNext(DBusConnection *connection)
         QElapsedTimer silence;
         silence.start();
         dbus_connection_read_write(connection, silenceMs);
-        if (silence.elapsed() >= silenceMs) {
+        const bool isIdle = dbus_connection_get_dispatch_status(connection) == DBUS_DISPATCH_COMPLETE;
+        if (isIdle && silence.elapsed() >= silenceMs) {
             logWarning() << "the bus does not answer: lines are lost";
             return false;
         }
@@ -63,6 +66,9 @@ Receiver::~Receiver()
 {
     if (!connection)
         return;
+    // Otherwise lines that are published without end would arrive without end.
+    for (const char *rule : rules)
+        dbus_bus_remove_match(connection, rule, 0);
     // Everything that was published before the reply of the bus daemon arrives before it.
     DBusMessage *question
         = dbus_message_new_method_call(DBUS_SERVICE_DBUS, DBUS_PATH_DBUS, DBUS_INTERFACE_DBUS, "GetId");
@@ -75,37 +81,39 @@ Receiver::~Receiver()
     close();
 }
 
+void Receiver::open()
+{
+    connection = dbus_bus_get_private(DBUS_BUS_SESSION, 0);
+    int descriptor = -1;
+    if (connection && !dbus_connection_get_unix_fd(connection, &descriptor)) // closed already
+        release();
+    if (!connection) {
+        QTimer::singleShot(retryMs, this, SLOT(reopen()));
+        return;
+    }
+    dbus_connection_set_exit_on_disconnect(connection, false);
+    dbus_connection_add_filter(connection, onMessage, logging, 0);
+    opened.start();
+    notifier = new QSocketNotifier(descriptor, QSocketNotifier::Read, this);
+    connect(notifier, SIGNAL(activated(int)), SLOT(onReadable()));
+    for (const char *rule : rules)
+        dbus_bus_add_match(connection, rule, 0);
+}
+
 // Opening a connection has no timeout and blocks while the bus daemon hangs. Check first that the bus daemon
 // replies.
-void Receiver::open()
+void Receiver::reopen()
 {
     const QDBusConnection bus = QDBusConnection::sessionBus();
     if (!bus.isConnected()) {
         logWarning() << "there is no bus any more: no lines come until the next start";
         return;
     }
-    if (bus.interface()->isServiceRegistered(QLatin1String(DBUS_SERVICE_DBUS)).isValid())
-        connection = dbus_bus_get_private(DBUS_BUS_SESSION, 0);
-    if (connection)
-        subscribe();
-    if (!connection)
-        QTimer::singleShot(retryMs, this, SLOT(open()));
-}
-
-void Receiver::subscribe()
-{
-    dbus_connection_set_exit_on_disconnect(connection, false);
-    dbus_connection_add_filter(connection, onMessage, logging, 0);
-    dbus_bus_add_match(connection, "type='signal',interface='com.qel.zarn5.log',member='log'", 0);
-    dbus_bus_add_match(connection, "type='signal',interface='com.qel.zarn5.busmon',member='busmon'", 0);
-    int descriptor = -1;
-    if (!dbus_connection_get_unix_fd(connection, &descriptor)) { // the bus daemon has closed it already
-        release();
-        return;
-    }
-    opened.start();
-    notifier = new QSocketNotifier(descriptor, QSocketNotifier::Read, this);
-    connect(notifier, SIGNAL(activated(int)), SLOT(onReadable()));
+    const QDBusReply<bool> reply = bus.interface()->isServiceRegistered(QLatin1String(DBUS_SERVICE_DBUS));
+    if (reply.error().type() == QDBusError::NoReply)
+        QTimer::singleShot(retryMs, this, SLOT(reopen()));
+    else
+        open();
 }
 
 void Receiver::close()
@@ -113,7 +121,7 @@ void Receiver::close()
     // A bus daemon closes the connection of a client that lets too many messages wait.
     if (!dbus_connection_get_is_connected(connection))
         logWarning() << "cut off from the bus: lines are lost";
-    notifier->setEnabled(false); // before its descriptor is closed
+    notifier->setEnabled(false); // before the event loop polls a closed descriptor
     notifier->deleteLater(); // its own signal may be the caller
     release();
 }
@@ -127,7 +135,7 @@ void Receiver::onReadable()
     close();
     // If the connection lasted less than 1 s, wait 1 s before reconnecting, so that a bus daemon that closes
     // every connection does not cause a busy loop.
-    QTimer::singleShot(opened.elapsed() >= retryMs ? 0 : retryMs, this, SLOT(open()));
+    QTimer::singleShot(opened.elapsed() >= retryMs ? 0 : retryMs, this, SLOT(reopen()));
 }
 
 void Receiver::release()

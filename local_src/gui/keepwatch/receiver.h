@@ -23,21 +23,21 @@ class Receiver : public QObject
 public:
     /**
      * `logging` must outlive this object. If the bus daemon refuses the connection, the object tries again
-     * every second.
+     * every second; each of these attempts blocks for at most 1 s if the bus daemon does not reply.
      */
     explicit Receiver(Logging *logging);
     /**
-     * Delivers all signals published before this call. Blocks until the bus daemon replies, or sends nothing
-     * for 25 s, which is logged.
+     * Delivers all signals published before this call. Blocks until they are delivered, or until the bus
+     * daemon sends nothing for 25 s or has closed the connection; both are logged.
      */
     ~Receiver();
 
 private slots:
     void onReadable();
-    void open();
+    void reopen();
 
 private:
-    void subscribe();
+    void open();
     void close();
     void release();
 

@@ -1,4 +1,4 @@
-// The settings of keepwatch, with their defaults. The daemon and its tools read them only through this file.
+// The settings of keepwatch, with their defaults.
 #ifndef SETTINGS_H
 #define SETTINGS_H
 

@@ -51,8 +51,8 @@ static void serveBus(const QString &service)
     QDBusConnectionInterface *bus = QDBusConnection::sessionBus().interface();
     for (int question = 1; bus && question <= 100; ++question) {
         const QDBusReply<bool> owned = bus->isServiceRegistered(service);
-        const bool hangs = !owned.isValid();
-        if ((!hangs && !owned.value()) || (hangs && question >= 25))
+        const bool isFree = owned.isValid() && !owned.value();
+        if (isFree || (!owned.isValid() && question >= 25))
             break;
     }
     // On Qt 4, the first call parses the messages, and the second one delivers them.
@@ -82,9 +82,9 @@ Watchdog::Watchdog(const QStringList &modules, const QString &statusModuleName)
 Watchdog::~Watchdog()
 {
     for (Module *module : modules) {
+        // Otherwise the destructor of a running process would call onProcessFinished.
         if (module->process)
-            module->process->disconnect(
-                this); // otherwise the destructor of a running process would call onProcessFinished
+            module->process->disconnect(this);
         delete module->process;
         disconnectModule(module);
         delete module;
