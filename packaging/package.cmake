@@ -14,12 +14,12 @@ function(install_gzipped file directory)
   install(FILES ${CMAKE_CURRENT_BINARY_DIR}/${name}.gz DESTINATION ${directory})
 endfunction()
 
-install(TARGETS keepwatch zarn5-check RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+install(TARGETS keepwatch zarn5-check zarn5ctl RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
 install(PROGRAMS tools/zarn5-alive tools/zarn5-bus tools/zarn5-calls tools/zarn5-guard tools/zarn5-oldlog tools/zarn5-plot tools/zarn5-state
   DESTINATION ${CMAKE_INSTALL_BINDIR})
 install(FILES device/keepwatch.service DESTINATION lib/systemd/user)
 install(FILES device/dbus.service.d/keepwatch.conf DESTINATION lib/systemd/user/dbus.service.d)
-foreach(page keepwatch zarn5-alive zarn5-bus zarn5-check zarn5-oldlog zarn5-plot zarn5-state)
+foreach(page keepwatch zarn5-alive zarn5-bus zarn5-check zarn5-oldlog zarn5-plot zarn5-state zarn5ctl)
   install_gzipped(man/${page}.8 ${CMAKE_INSTALL_MANDIR}/man8)
 endforeach()
 # These two programs share the manual page of zarn5-alive.

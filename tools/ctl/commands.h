@@ -1,0 +1,32 @@
+// The commands of zarn5ctl. Each returns the exit status.
+#ifndef COMMANDS_H
+#define COMMANDS_H
+
+#include "text.h"
+
+enum Form { Page, Rows, JsonLines, Metrics };
+
+struct Options
+{
+    QByteArray log; ///< path, "-" for standard input; empty if none was given
+    Form form;
+    QByteArray file; ///< of --metrics=FILE
+    int seconds; ///< of --limit or the argument of ping; 0 if none was given
+    bool modules; ///< of ping
+};
+
+int statusCommand(const Options &options);
+int logCommand(const Options &options);
+int plotCommand(const Options &options);
+int pingCommand(const Options &options);
+
+/** Opens a log; -1 if there is none that can be read. The texts say why, and what to do. */
+int openLog(const QByteArray &path, QByteArray *trouble, QByteArray *advice);
+
+/** The same, with the texts on standard error. */
+int openLog(const QByteArray &path);
+
+/** Returns the metrics of a report in the text format of Prometheus. */
+QByteArray metricsOf(const Report &report);
+
+#endif

@@ -1,0 +1,125 @@
+// zarn5ctl: what keepwatch does, from outside. Changes nothing, and starts no other program.
+#include "commands.h"
+
+#include <csignal>
+#include <cstdio>
+#include <fcntl.h>
+#include <unistd.h>
+
+static const char usage[]
+    = "usage: zarn5ctl [status] [LOG|-] [--json|--metrics[=FILE.prom]] [--limit SECONDS]\n"
+      "       zarn5ctl log LOG|- [--tsv|--json]\n"
+      "       zarn5ctl plot LOG|- >FILE.svg\n"
+      "       zarn5ctl ping [--modules] [SECONDS]\n"
+      "       zarn5ctl --help | --version\n";
+static const char help[]
+    = "\n"
+      "status  finds keepwatch, asks it and its modules, reads its log, and says whether all is well;\n"
+      "        of a LOG, what that says\n"
+      "log     prints a row per line of the log: arrival, delay, level, module, text\n"
+      "plot    draws when the modules were not released, which of them exited, and the delay of the lines\n"
+      "ping    says whether keepwatch answers within SECONDS\n"
+      "\n"
+      "Exit status: 0 all is well, 1 something is not, 2 cannot tell or usage error; of ping, 3: a module is "
+      "silent.\n";
+
+static const struct Command
+{
+    const char *name;
+    int (*run)(const Options &options);
+    const char *options; // that it takes
+    bool takesLog, needsLog;
+} commands[] = {
+    { "status", statusCommand, "--json --metrics --limit ", true, false },
+    { "log", logCommand, "--tsv --json ", true, true },
+    { "plot", plotCommand, "", true, true },
+    { "ping", pingCommand, "--modules ", false, false },
+};
+
+static bool parseSeconds(const QByteArray &text, int *seconds)
+{
+    *seconds = text.toInt();
+    return *seconds > 0 && *seconds < 100000 && QByteArray::number(*seconds) == text;
+}
+
+static bool parseOption(const Command &command, const QByteArray &word, Options *options)
+{
+    const int equals = int(word.indexOf('='));
+    const QByteArray name = word.left(equals < 0 ? word.size() : equals),
+                     value = equals < 0 ? "" : word.mid(equals + 1);
+    if (!QByteArray(command.options).contains(name + " "))
+        return false;
+    if (name == "--limit")
+        return parseSeconds(value, &options->seconds);
+    if (name == "--modules")
+        options->modules = true;
+    else if (options->form != Page) // one is enough
+        return false;
+    else
+        options->form = name == "--json" ? JsonLines : name == "--tsv" ? Rows : Metrics;
+    options->file = value;
+    return equals < 0
+        || (name == "--metrics" && value.endsWith(".prom")); // no collector reads any other file
+}
+
+static bool parseWord(const Command &command, const QByteArray &word, Options *options)
+{
+    if (word.startsWith("-") && word != "-")
+        return parseOption(command, word, options);
+    if (!command.takesLog)
+        return options->seconds == 0 && parseSeconds(word, &options->seconds);
+    const bool isFirst = options->log.isEmpty();
+    options->log = word;
+    return isFirst && !word.isEmpty();
+}
+
+static int run(const Command &command, const QList<QByteArray> &words)
+{
+    Options options = { QByteArray(), Page, QByteArray(), 0, false };
+    for (int i = 0; i < words.size(); ++i) {
+        QByteArray word = words[i];
+        if (word == "--limit" && i + 1 < words.size())
+            word += "=" + words[++i];
+        if (!parseWord(command, word, &options)) {
+            fprintf(stderr, "zarn5ctl: cannot take \"%s\" here\n%s", escape(word).constData(), usage);
+            return 2;
+        }
+    }
+    if (!command.needsLog || !options.log.isEmpty())
+        return command.run(options);
+    fputs(usage, stderr);
+    return 2;
+}
+
+// Started without them, a file would take the place of standard output.
+static void openStandardStreams()
+{
+    int descriptor;
+    do
+        descriptor = open("/dev/null", O_RDWR);
+    while (descriptor >= 0 && descriptor <= STDERR_FILENO);
+    close(descriptor);
+}
+
+int main(int argc, char **argv)
+{
+    openStandardStreams();
+    signal(SIGPIPE, SIG_IGN);
+    signal(SIGCHLD, SIG_DFL);
+    sigset_t none; // a parent may have blocked the signal that interrupts a call
+    sigemptyset(&none);
+    sigprocmask(SIG_SETMASK, &none, 0);
+    QList<QByteArray> words;
+    for (int i = 1; i < argc; ++i)
+        words.append(argv[i]);
+    const QByteArray first = words.value(0);
+    if (first == "--help" || first == "--version") {
+        print(first == "--help" ? QByteArray(usage) + help : QByteArray("zarn5ctl " VERSION "\n"));
+        return finishOutput() ? 0 : 2;
+    }
+    for (const Command &command : commands) {
+        if (first == command.name)
+            return run(command, words.mid(1));
+    }
+    return run(commands[0], words);
+}

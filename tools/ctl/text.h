@@ -1,0 +1,71 @@
+// Pieces of text, and how texts of others are printed.
+#ifndef TEXT_H
+#define TEXT_H
+
+#include <QByteArray>
+#include <QList>
+#include <QMap>
+
+#include <cstring>
+
+/** What is known, by name. What is not known is absent, and never reads as 0 by accident. */
+typedef QMap<QByteArray, QByteArray> Facts;
+
+inline qint64 number(const Facts &facts, const char *name)
+{
+    return facts.value(name).toLongLong();
+}
+
+/** What is known about a keepwatch. */
+struct Report
+{
+    Facts facts;
+    QList<Facts> modules;
+};
+
+/** A piece of a buffer that somebody else owns. Any byte can be in it. */
+struct Piece
+{
+    const char *begin;
+    size_t size;
+
+    const char *end() const
+    {
+        return begin + size;
+    }
+    QByteArray bytes() const
+    {
+        return QByteArray(begin, int(size));
+    }
+    Piece from(size_t at) const
+    {
+        return Piece { begin + at, size - at };
+    } ///< `at` is at most `size`
+    Piece trimmed() const; ///< without blanks on both sides
+    bool startsWith(const char *text) const
+    {
+        return size >= strlen(text) && memcmp(begin, text, strlen(text)) == 0;
+    }
+};
+
+/** Where a text goes, and so which characters are escaped in it. Xml: also in an attribute. */
+enum Target { Terminal, Json, Xml };
+
+/** Returns `text` as UTF-8 of which nothing can act on the target; in JSON, in the quotes of a string. */
+QByteArray escape(const Piece &text, Target target = Terminal);
+QByteArray escape(const QByteArray &text, Target target = Terminal);
+
+/** Returns a text of at most 1000 characters in the format of printf. */
+QByteArray format(const char *form, ...) __attribute__((format(printf, 1, 2)));
+
+/** Returns a time span as "5 s", "3 min", "7 h", or "12 days". */
+QByteArray formatAge(qint64 seconds);
+
+/** Appends `item` to a list of words. */
+void join(QByteArray *list, const QByteArray &item, const char *separator = ", ");
+
+/** Writes `text` to standard output; finishOutput tells whether all has arrived, otherwise why not. */
+void print(const QByteArray &text);
+bool finishOutput();
+
+#endif
