@@ -197,8 +197,12 @@ static QByteArray jsonOf(const Facts &facts)
 static QByteArray jsonOf(const QList<Finding> &findings)
 {
     QByteArray text;
-    for (const Finding &finding : findings)
-        join(&text, jsonOf(Facts { { "text", finding.text }, { "advice", finding.advice } }), ",");
+    for (const Finding &finding : findings) {
+        Facts facts;
+        facts["text"] = finding.text;
+        facts["advice"] = finding.advice;
+        join(&text, jsonOf(facts), ",");
+    }
     return "[" + text + "]";
 }
 
