@@ -15,18 +15,15 @@ function(install_gzipped file directory)
 endfunction()
 
 install(TARGETS keepwatch zarn5-check zarn5ctl RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
-install(PROGRAMS tools/zarn5-alive tools/zarn5-bus tools/zarn5-calls tools/zarn5-guard tools/zarn5-oldlog tools/zarn5-plot tools/zarn5-state
-  DESTINATION ${CMAKE_INSTALL_BINDIR})
+install(PROGRAMS tools/zarn5-bus tools/zarn5-calls tools/zarn5-guard tools/zarn5-oldlog DESTINATION ${CMAKE_INSTALL_BINDIR})
 install(FILES device/keepwatch.service DESTINATION lib/systemd/user)
 install(FILES device/dbus.service.d/keepwatch.conf DESTINATION lib/systemd/user/dbus.service.d)
-foreach(page keepwatch zarn5-alive zarn5-bus zarn5-check zarn5-oldlog zarn5-plot zarn5-state zarn5ctl)
+foreach(page keepwatch zarn5-bus zarn5-calls zarn5-check zarn5-oldlog zarn5ctl)
   install_gzipped(man/${page}.8 ${CMAKE_INSTALL_MANDIR}/man8)
 endforeach()
-# These two programs share the manual page of zarn5-alive.
-foreach(name zarn5-calls zarn5-guard)
-  execute_process(COMMAND ${CMAKE_COMMAND} -E create_symlink zarn5-alive.8.gz ${CMAKE_CURRENT_BINARY_DIR}/${name}.8.gz)
-  install(FILES ${CMAKE_CURRENT_BINARY_DIR}/${name}.8.gz DESTINATION ${CMAKE_INSTALL_MANDIR}/man8)
-endforeach()
+# zarn5-guard shares the manual page of zarn5-calls.
+execute_process(COMMAND ${CMAKE_COMMAND} -E create_symlink zarn5-calls.8.gz ${CMAKE_CURRENT_BINARY_DIR}/zarn5-guard.8.gz)
+install(FILES ${CMAKE_CURRENT_BINARY_DIR}/zarn5-guard.8.gz DESTINATION ${CMAKE_INSTALL_MANDIR}/man8)
 install_gzipped(man/keepwatch.conf.5 ${CMAKE_INSTALL_MANDIR}/man5)
 install_gzipped(packaging/changelog ${CMAKE_INSTALL_DOCDIR})
 
@@ -85,7 +82,7 @@ set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
 # procps contains pgrep and kill. dbus-daemon alone suffices for a bus that dbus-run-session starts.
 set(CPACK_DEBIAN_PACKAGE_DEPENDS
   "procps, default-dbus-session-bus | dbus-session-bus | dbus-daemon")
-set(CPACK_DEBIAN_PACKAGE_SUGGESTS "dbus-daemon, gnuplot-nox, keepwatch-dev, lnav, runit")
+set(CPACK_DEBIAN_PACKAGE_SUGGESTS "dbus-daemon, keepwatch-dev, lnav, runit")
 set(CPACK_DEBIAN_KEEPWATCH_DESCRIPTION "module supervisor and log collector for a device
 keepwatch starts the programs of an embedded device, waits until they own their
 D-Bus names, releases them, and restarts a program that exits. It also collects
