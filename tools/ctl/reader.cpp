@@ -106,7 +106,7 @@ qint64 Clock::read(const Piece &stamp)
         time.tm_isdst = -1;
         start = 1000 * qint64(zone == Utc ? timegm(&time) : mktime(&time));
     }
-    return start + readNumber(stamp.begin + 17, 2) * 1000 + readNumber(stamp.begin + 20, 3);
+    return start + readNumber(stamp.begin + 17, 2) * qint64(1000) + readNumber(stamp.begin + 20, 3);
 }
 
 qint64 Clock::read(const QByteArray &stamp)
