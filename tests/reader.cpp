@@ -450,12 +450,15 @@ void ReaderTest::aBusThatAcceptsNothingIsSilent()
     const int listener = socket(AF_UNIX, SOCK_STREAM, 0);
     QCOMPARE(bind(listener, reinterpret_cast<sockaddr *>(&name), sizeof name), 0);
     QCOMPARE(listen(listener, 0), 0);
+    QList<Bus *> buses; // which stay connected, and so take the place of the next one
     for (int i = 0; i < 3; ++i) {
-        Bus *const bus = new Bus; // stays, and takes the place of the next one
+        Bus *const bus = new Bus;
+        buses.append(bus);
         const qint64 begin = monotonicMs();
         QCOMPARE(bus->open("unix:path=" + path, begin + 200), "silent");
         QVERIFY(monotonicMs() - begin < 5000);
     }
+    qDeleteAll(buses);
     close(listener);
     QCOMPARE(Bus().open("unix:path=" + path, monotonicMs() + 200), "gone");
     QCOMPARE(Bus().open("unixexec:path=/bin/true", monotonicMs() + 200), "refused");
