@@ -48,7 +48,7 @@ QByteArray userName(int user);
 /** Returns when a process started, milliseconds since 1970. */
 qint64 startTime(const Process &process);
 
-/** Returns the words behind `key` in /proc/ID/status, such as "Uid:". */
+/** Returns the words after `key` in /proc/ID/status, such as "Uid:". */
 QList<QByteArray> readStatus(int process, const QByteArray &key);
 
 /** Returns at most 1 MB of a file in the folder of a process; `*readable`: whether it could be opened. */

@@ -217,7 +217,8 @@ static void printJson(const Report &report, const Verdict &verdict)
           + modules + "]}\n");
 }
 
-// Whoever reads the file sees the old one or the new one. A signal would leave something behind.
+// A reader of the file sees the old one or the new one. Signals are blocked, so that none leaves the new one
+// incomplete.
 static bool writeWhole(const QByteArray &path, const QByteArray &text)
 {
     const QByteArray made = path + "." + QByteArray::number(getpid());

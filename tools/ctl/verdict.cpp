@@ -195,7 +195,7 @@ static Finding doubtState(const Facts &facts)
         return { "the state is not known, because keepwatch logs to syslog only", "ask its log: " + pipe };
     if (facts.value("log") == "standard output" && !facts.contains("log_file"))
         return { "the state is not known, because keepwatch logs to standard output only",
-                 "set logging/logfile, or ask whoever reads that output: ... | zarn5ctl status -" };
+                 "set logging/logfile, or read that output: ... | zarn5ctl status -" };
     if (facts.contains("log_unread"))
         return { "the log is too long to be read in time", "ask with --limit 60" };
     if (facts.contains("log_error"))
