@@ -13,12 +13,14 @@ struct Options
     QByteArray file; ///< of --metrics=FILE
     int seconds; ///< of --limit or the argument of ping; 0 if none was given
     bool modules; ///< of ping
+    int interval; ///< of watch, seconds; 0 if none was given
 };
 
 int statusCommand(const Options &options);
 int logCommand(const Options &options);
 int plotCommand(const Options &options);
 int pingCommand(const Options &options);
+int watchCommand(const Options &options);
 
 /** Opens a log; -1 if there is none that can be read. The texts say why, and what to do. */
 int openLog(const QByteArray &path, QByteArray *trouble, QByteArray *advice);
