@@ -347,7 +347,7 @@ static QByteArray draw(const QByteArray &log)
     fflush(stdout);
     const int output = dup(STDOUT_FILENO);
     dup2(picture.handle(), STDOUT_FILENO);
-    plotCommand(Options { file.fileName().toLocal8Bit(), Page, QByteArray(), 0, false });
+    plotCommand(Options { file.fileName().toLocal8Bit(), Page, QByteArray(), 0, false, 0 });
     fflush(stdout);
     dup2(output, STDOUT_FILENO);
     close(output);
