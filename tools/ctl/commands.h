@@ -20,6 +20,9 @@ int logCommand(const Options &options);
 int plotCommand(const Options &options);
 int pingCommand(const Options &options);
 
+/** Takes the word "run" and all after it. Returns the exit status of the program, or -1 for a usage error. */
+int runCommand(int count, char **words);
+
 /** Opens a log; -1 if there is none that can be read. The texts say why, and what to do. */
 int openLog(const QByteArray &path, QByteArray *trouble, QByteArray *advice);
 

@@ -11,6 +11,8 @@ static const char usage[]
       "       zarn5ctl log LOG|- [--tsv|--json]\n"
       "       zarn5ctl plot LOG|- >FILE.svg\n"
       "       zarn5ctl ping [--modules] [SECONDS]\n"
+      "       zarn5ctl run [--bus] [--watch] [--interval SECONDS] [--limit SECONDS] [--] PROGRAM "
+      "[ARGUMENT]...\n"
       "       zarn5ctl --help | --version\n";
 static const char help[]
     = "\n"
@@ -19,6 +21,7 @@ static const char help[]
       "log     prints a row per line of the log: arrival, delay, level, module, text\n"
       "plot    draws when the modules were not released, which of them exited, and the delay of the lines\n"
       "ping    says whether keepwatch answers within SECONDS\n"
+      "run     keeps the older logs, starts a private bus and the PROGRAM, and ends them together\n"
       "\n"
       "Exit status: 0 all is well, 1 something is not, 2 cannot tell or usage error; of ping, 3: a module is "
       "silent.\n";
@@ -109,6 +112,12 @@ int main(int argc, char **argv)
     sigset_t none; // a parent may have blocked the signal that interrupts a call
     sigemptyset(&none);
     sigprocmask(SIG_SETMASK, &none, 0);
+    if (argc > 1 && strcmp(argv[1], "run") == 0) {
+        const int status = runCommand(argc - 1, argv + 1);
+        if (status < 0)
+            fputs(usage, stderr);
+        return status < 0 ? 2 : status;
+    }
     QList<QByteArray> words;
     for (int i = 1; i < argc; ++i)
         words.append(argv[i]);
