@@ -13,12 +13,14 @@ struct Options
     QByteArray file; ///< of --metrics=FILE
     int seconds; ///< of --limit or the argument of ping; 0 if none was given
     bool modules; ///< of ping
+    int interval; ///< of watch, seconds; 0 if none was given
 };
 
 int statusCommand(const Options &options);
 int logCommand(const Options &options);
 int plotCommand(const Options &options);
 int pingCommand(const Options &options);
+int watchCommand(const Options &options);
 
 /** Takes the word "run" and all after it. Returns the exit status of the program, or -1 for a usage error. */
 int runCommand(int count, char **words);

@@ -194,10 +194,7 @@ void Asker::judgeUnwritten(const QByteArray &path)
 
 void Asker::askBus()
 {
-    QByteArray address = qgetenv("DBUS_SESSION_BUS_ADDRESS");
-    const QByteArray runtime = qgetenv("XDG_RUNTIME_DIR");
-    if (address.isEmpty() && !runtime.isEmpty())
-        address = "unix:path=" + runtime + "/bus";
+    QByteArray address = busAddress();
     facts["bus_address"] = address;
     facts["bus"] = "unknown";
     if (address.isEmpty())
@@ -392,8 +389,7 @@ static void findLeftModules(const Processes &processes, Report *report)
     }
 }
 
-// The name of the first socket in an address, as the kernel has it.
-static QByteArray socketPath(const QByteArray &address)
+QByteArray socketPath(const QByteArray &address)
 {
     const int path = int(address.indexOf("path=")), abstract = int(address.indexOf("abstract="));
     const int begin = int(address.indexOf('=', path < 0 ? abstract : path)) + 1;

@@ -5,8 +5,10 @@
 // the program in order, and then the rest. If the keeper is killed, the front does.
 #include "commands.h"
 #include "oldlogs.h"
+#include "ping.h"
 #include "processes.h"
 #include "state.h"
+#include "watch.h"
 
 #include <cerrno>
 #include <climits>
@@ -192,31 +194,48 @@ static void waitForOthers()
     }
 }
 
-// Returns how long the child is allowed to take: as long as all modules can block, and once more in quit().
-static qint64 endLimit(const Family *family)
+// Starts the watch if there is none. One that dies soon is started again after an interval. Returns how long
+// to wait for that, in ms; -1: without limit.
+static int keepWatching(Family *family, qint64 *due)
 {
-    return family->limit * 4000 / 3;
+    if (family->watcher || !family->watch)
+        return -1;
+    const qint64 rest = *due - monotonicMs();
+    if (rest > 0)
+        return int(rest);
+    *due = monotonicMs() + family->interval * 1000;
+    if (spawn(&family->watcher, SIGKILL))
+        _exit(watch(family->interval, family->limit));
+    return family->watcher ? -1 : family->interval * 1000;
+}
+
+// Sends SIGINT every second, because the first one can come before its handler is there.
+static void endChild(const Family *family, qint64 *limit)
+{
+    if (*limit == 0) // as long as all modules can block, and once more in quit()
+        *limit = monotonicMs() + family->limit * 4000 / 3;
+    const bool isLate = monotonicMs() >= *limit;
+    if (isLate)
+        fputs("zarn5ctl: the program does not exit on SIGINT, and is killed\n", stderr);
+    kill(family->child, isLate ? SIGKILL : SIGINT);
+    kill(family->child, SIGCONT); // otherwise, a stopped process gets no signal
+    await(-1, 1000);
 }
 
 // Waits for the exit of the child, and ends it when it is time. Returns its status as a shell does.
-static int serve(Family *family)
+static int serve(Family *family, bool isWatched)
 {
-    qint64 end = 0; // when to kill it
+    qint64 watchDue = 0, endLimit = 0;
     for (reap(family); family->child; reap(family)) {
         if (family->bus && !family->busDaemon && !isToEnd(family)) {
             fputs("zarn5ctl: the bus has ended before the program\n", stderr);
             asked = 1;
         }
-        if (isToEnd(family) && end == 0)
-            end = monotonicMs() + endLimit(family);
-        if (isToEnd(family)) { // repeatedly, because the first SIGINT can come before its handler is there
-            kill(family->child, monotonicMs() < end ? SIGINT : SIGKILL);
-            kill(family->child, SIGCONT); // otherwise, a stopped process gets no signal
-        }
-        await(-1, isToEnd(family) ? 1000 : -1);
+        if (isToEnd(family))
+            endChild(family, &endLimit);
+        else
+            await(-1, isWatched ? keepWatching(family, &watchDue) : -1);
     }
-    if (end && monotonicMs() > end)
-        fputs("zarn5ctl: killed the program, which did not exit on SIGINT\n", stderr);
     const int status = family->childStatus;
     return WIFSIGNALED(status) ? 128 + WTERMSIG(status) : WEXITSTATUS(status);
 }
@@ -229,7 +248,7 @@ static int runProgram(Family *family)
         moveOldLogs();
         _exit(0);
     }
-    serve(family);
+    serve(family, false);
     if (isToEnd(family))
         return 0;
     family->childStatus = 1 << 8; // if there is no process
@@ -237,7 +256,7 @@ static int runProgram(Family *family)
         setsid();
         execute(family->program);
     }
-    return serve(family);
+    return serve(family, true);
 }
 
 // Ends all but the child, which has exited.
@@ -280,7 +299,7 @@ static int passOn(Family *family, pid_t keeper)
     if (WIFEXITED(status))
         return WEXITSTATUS(status);
     asked = 1; // it was killed
-    const int childStatus = serve(family);
+    const int childStatus = serve(family, false);
     cleanUp(family);
     return childStatus;
 }
@@ -318,7 +337,7 @@ int runCommand(int count, char **words)
     }
     Family *const family = static_cast<Family *>(memory); // all zero
     family->interval = 60;
-    family->limit = 150;
+    family->limit = longestWait();
     family->front = getpid();
     if (!readOptions(count, words, family))
         return -1;
