@@ -41,6 +41,7 @@ static const struct Command
     { "plot", plotCommand, "", true, true },
     { "ping", pingCommand, "--modules ", false, false },
     { "watch", watchCommand, "--interval --limit ", false, false },
+    { "run", runCommand, "--bus --watch --interval --limit ", false, false },
 };
 
 static bool parseSeconds(const QByteArray &text, int *seconds)
@@ -60,6 +61,10 @@ static bool parseOption(const Command &command, const QByteArray &word, Options 
         return parseSeconds(value, name == "--limit" ? &options->seconds : &options->interval);
     if (name == "--modules")
         options->modules = true;
+    else if (name == "--bus")
+        options->bus = true;
+    else if (name == "--watch")
+        options->watch = true;
     else if (options->form != Page) // one is enough
         return false;
     else
@@ -82,8 +87,13 @@ static bool parseWord(const Command &command, const QByteArray &word, Options *o
 
 static int run(const Command &command, const QList<QByteArray> &words)
 {
-    Options options = { QByteArray(), Page, QByteArray(), 0, false, 0 };
+    const bool needsProgram = command.run == runCommand;
+    Options options = { QByteArray(), Page, QByteArray(), 0, false, 0, false, false, QList<QByteArray>() };
     for (int i = 0; i < words.size(); ++i) {
+        if (needsProgram && (words[i] == "--" || !words[i].startsWith("-"))) {
+            options.program = words.mid(words[i] == "--" ? i + 1 : i);
+            break;
+        }
         QByteArray word = words[i];
         if ((word == "--limit" || word == "--interval") && i + 1 < words.size())
             word += "=" + words[++i];
@@ -92,7 +102,7 @@ static int run(const Command &command, const QList<QByteArray> &words)
             return 2;
         }
     }
-    if (!command.needsLog || !options.log.isEmpty())
+    if (command.needsLog ? !options.log.isEmpty() : !needsProgram || !options.program.isEmpty())
         return command.run(options);
     fputs(usage, stderr);
     return 2;
@@ -116,12 +126,6 @@ int main(int argc, char **argv)
     sigset_t none; // a parent may have blocked the signal that interrupts a call
     sigemptyset(&none);
     sigprocmask(SIG_SETMASK, &none, 0);
-    if (argc > 1 && strcmp(argv[1], "run") == 0) {
-        const int status = runCommand(argc - 1, argv + 1);
-        if (status < 0)
-            fputs(usage, stderr);
-        return status < 0 ? 2 : status;
-    }
     QList<QByteArray> words;
     for (int i = 1; i < argc; ++i)
         words.append(argv[i]);

@@ -6,6 +6,7 @@
 #include "commands.h"
 #include "inquiry.h"
 #include "ping.h"
+#include "signals.h"
 
 #include <cerrno>
 #include <climits>
@@ -14,7 +15,6 @@
 #include <ctime>
 #include <dbus/dbus.h>
 #include <memory>
-#include <poll.h>
 #include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -26,11 +26,6 @@ static const int retryMs = 5000; // while there is no bus daemon
 static const int busMs = 2000; // for a bus daemon to answer
 static const int callLimit
     = 200; // calls that can wait for their reply; there is one unless others call modules
-
-static void say(const QByteArray &text)
-{
-    fprintf(stderr, "zarn5ctl: %s\n", escape(text).constData());
-}
 
 namespace {
 
@@ -207,34 +202,6 @@ static pid_t startCheck(int limit, bool isNew)
     signal(SIGCHLD, SIG_IGN); // leaves no zombies
     prctl(PR_SET_PDEATHSIG, SIGKILL);
     _exit(getppid() == watcher ? checkAnswers(limit, isNew) : CannotTell);
-}
-
-static volatile sig_atomic_t isEnding = 0;
-
-static void onSignal(int signal)
-{
-    isEnding = isEnding || signal != SIGCHLD;
-}
-
-// Sleeps until `due`, a message, or a signal, which comes only here.
-static void sleepUntil(qint64 due, int descriptor)
-{
-    static const sigset_t none = {};
-    const qint64 ms = qMax(qint64(0), due - monotonicMs());
-    const struct timespec timeout = { time_t(ms / 1000), long(ms % 1000 * 1000000) };
-    struct pollfd input = { descriptor, POLLIN, 0 };
-    ppoll(&input, 1, &timeout, &none);
-}
-
-static void takeSignals()
-{
-    sigset_t taken;
-    sigemptyset(&taken);
-    for (int number : { SIGTERM, SIGINT, SIGCHLD }) {
-        signal(number, onSignal);
-        sigaddset(&taken, number);
-    }
-    sigprocmask(SIG_SETMASK, &taken, 0); // the signal that interrupts Bus::open is not blocked
 }
 
 int watch(int intervalSeconds, int limitSeconds)
