@@ -7,6 +7,12 @@
 #include <dbus/dbus.h>
 #include <sys/time.h>
 
+QByteArray sessionBusAddress()
+{
+    const QByteArray address = qgetenv("DBUS_SESSION_BUS_ADDRESS"), runtime = qgetenv("XDG_RUNTIME_DIR");
+    return !address.isEmpty() || runtime.isEmpty() ? address : "unix:path=" + runtime + "/bus";
+}
+
 Bus::~Bus()
 {
     for (const Question &question : questions) {

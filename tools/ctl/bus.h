@@ -11,6 +11,9 @@ struct DBusConnection;
 struct DBusMessage;
 struct DBusPendingCall;
 
+/** Returns the address of the session bus; empty if the environment names none. */
+QByteArray sessionBusAddress();
+
 /** A connection. Times are milliseconds of the monotonic clock. */
 class Bus
 {

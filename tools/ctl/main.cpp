@@ -11,6 +11,7 @@ static const char usage[]
       "       zarn5ctl log LOG|- [--tsv|--json]\n"
       "       zarn5ctl plot LOG|- >FILE.svg\n"
       "       zarn5ctl ping [--modules] [SECONDS]\n"
+      "       zarn5ctl check [SECONDS]\n"
       "       zarn5ctl --help | --version\n";
 static const char help[]
     = "\n"
@@ -19,6 +20,8 @@ static const char help[]
       "log     prints a row per line of the log: arrival, delay, level, module, text\n"
       "plot    draws when the modules were not released, which of them exited, and the delay of the lines\n"
       "ping    says whether keepwatch answers within SECONDS\n"
+      "check   says whether keepwatch will start with the settings, the environment, and the bus of its "
+      "caller\n"
       "\n"
       "Exit status: 0 all is well, 1 something is not, 2 cannot tell or usage error; of ping, 3: a module is "
       "silent.\n";
@@ -34,6 +37,7 @@ static const struct Command
     { "log", logCommand, "--tsv --json ", true, true },
     { "plot", plotCommand, "", true, true },
     { "ping", pingCommand, "--modules ", false, false },
+    { "check", checkCommand, "", false, false },
 };
 
 static bool parseSeconds(const QByteArray &text, int *seconds)
