@@ -11,7 +11,7 @@ struct Options
     QByteArray log; ///< path, "-" for standard input; empty if none was given
     Form form;
     QByteArray file; ///< of --metrics=FILE
-    int seconds; ///< of --limit or the argument of ping; 0 if none was given
+    int seconds; ///< of --limit or the argument of ping and check; 0 if none was given
     bool modules; ///< of ping
     int interval; ///< of watch and run, seconds; 0 if none was given
     bool bus, watch; ///< of run
@@ -22,6 +22,7 @@ int statusCommand(const Options &options);
 int logCommand(const Options &options);
 int plotCommand(const Options &options);
 int pingCommand(const Options &options);
+int checkCommand(const Options &options);
 int watchCommand(const Options &options);
 int runCommand(const Options &options);
 

@@ -1,14 +1,11 @@
 #include "oldlogs.h"
 
-#include "settings.h"
+#include "check.h"
 #include "text.h"
 
 #include <QFile>
 #include <QFileInfo>
-#include <QSettings>
-#include <QStringList>
 
-#include <cerrno>
 #include <cstdio>
 #include <sys/statvfs.h>
 
@@ -25,13 +22,6 @@ static bool isFull(const QString &path)
         && quint64(space.f_bavail) * space.f_frsize < spareBytes;
 }
 
-// A start that failed at once has left one line, which is not worth a place.
-static bool isWorthAPlace(const QString &log)
-{
-    QFile file(log);
-    return QFileInfo(log).isFile() && file.open(QIODevice::ReadOnly) && file.read(100000).count('\n') > 1;
-}
-
 // `places`: LOG, LOG.1, ...
 static void move(const QStringList &places)
 {
@@ -41,7 +31,7 @@ static void move(const QStringList &places)
     for (int place = last; place > 0; --place) {
         const QByteArray from = QFile::encodeName(places[place - 1]);
         if (rename(from.constData(), QFile::encodeName(places[place]).constData()) != 0) {
-            say("cannot rename " + from + ": " + strerror(errno) + "; keepwatch will empty the log");
+            say("cannot rename " + from + ": " + systemError() + "; keepwatch will empty the log");
             return;
         }
     }
@@ -75,7 +65,10 @@ void moveOldLogs()
 {
     const QSettings settings(QLatin1String("zarn5"), QLatin1String("keepwatch"));
     const QString log = QFileInfo(readLoggingSettings(settings).logFile).canonicalFilePath();
-    if (!isWorthAPlace(log))
+    QFile file(log);
+    if (!QFileInfo(log).isFile() || !file.open(QIODevice::ReadOnly))
+        return;
+    if (file.read(100000).count('\n') < 2) // a start that failed at once has left one line
         return;
     QStringList places(log);
     for (int place = 1; place <= lastPlace; ++place)
