@@ -155,8 +155,8 @@ static void startProgram(const Options &options, Family *family)
     waitForOthers(family);
     if (family->isEnding)
         _exit(0);
+    moveOldLogs(); // before the check, because it makes room
     checkStart(FaultsAlone);
-    moveOldLogs();
     execute(options.program);
 }
 
