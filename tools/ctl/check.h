@@ -1,7 +1,8 @@
-// Will keepwatch start? Checks the settings, the environment, and the bus of this process. Changes nothing.
+// Will keepwatch start? Checks its settings, its environment, and its bus. Changes nothing.
 #ifndef CHECK_H
 #define CHECK_H
 
+#include "place.h"
 #include "processes.h"
 #include "settings.h"
 
@@ -14,10 +15,10 @@
 enum CheckOutput { Everything, FaultsAlone };
 
 /**
- * Checks whether keepwatch will start with the settings, the environment, and the bus of this process, and
- * prints each fault as a line "fault: PLACE: what is wrong; what to do". Works in a child process, which does
- * not change this one and is killed after `seconds`. Returns 0 if there is no fault, 1 if there is one, and
- * 2 if that is not known.
+ * Checks whether keepwatch will start, and prints each fault as a line "fault: PLACE: what is wrong; what to
+ * do". The faults alone are those of a start by this process; with everything, if a keepwatch runs, those of
+ * its next start. Works in a child process, which does not change this one and is killed after `seconds`.
+ * Returns 0 if there is no fault, 1 if there is one, and 2 if that is not known.
  */
 int checkStart(CheckOutput output, int seconds = 20);
 
@@ -27,8 +28,9 @@ void actAsKeepwatch();
 /** What is looked at, and what is found. */
 struct Check
 {
-    Processes processes;
-    int running = 0; ///< a keepwatch, which counts as ended with all below it; 0 if there is none
+    Processes processes; ///< without a keepwatch that runs and all below it, which count as ended
+    QList<WrittenFile> written; ///< by the keepwatch that runs
+    bool isRunning = false;
     std::deque<QSettings> files; ///< where keepwatch looks for a key, in this order
     QStringList known; ///< keys that keepwatch reads
     QList<QByteArray> lines; ///< the settings as keepwatch reads them, and notes
@@ -44,22 +46,19 @@ void checkSettings(Check *check);
 void checkLogs(const LoggingSettings &logging, Check *check);
 void checkModules(const QSettings &settings, Check *check);
 
-/** Returns why a file cannot be executed; empty if it can. */
+/** Returns why a program cannot be executed; empty if it can. */
 QByteArray judgeProgram(const QString &path);
 
-/** Returns what a shell, or other settings, would read in a path that leads nowhere; empty if the same. */
-QByteArray findMisreading(const QString &path);
+/** Returns what a shell, or other settings, would read in a path that leads nowhere, or `otherwise`. */
+QByteArray findMisreading(const QString &path, const QByteArray &otherwise);
 
 /** Returns the processes that a start finds by a part of their name. */
-QList<Process> findNamed(const QByteArray &pattern, const Check &check);
+QList<Process> findNamed(const QByteArray &pattern, const Processes &processes);
 
 /** Returns "process ID (NAME)". */
 QByteArray describe(const Process &process);
 
 /** Returns `text` in double quotes. */
 QByteArray quote(const QString &text);
-
-/** Returns what the kernel said last. */
-QByteArray systemError();
 
 #endif

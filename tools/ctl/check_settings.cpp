@@ -2,7 +2,6 @@
 #include "check.h"
 #include "modules.h"
 #include "qtversion.h"
-#include "settings.h"
 
 #include <QCoreApplication>
 #include <QDir>
@@ -10,7 +9,6 @@
 
 #include <cerrno>
 #include <clocale>
-#include <cstring>
 #include <sys/stat.h>
 
 static const int settingsBytes = 1000000; // taking a larger file to pieces could use all memory
@@ -40,11 +38,6 @@ QByteArray quote(const QString &text)
     return '"' + text.toUtf8() + '"';
 }
 
-QByteArray systemError()
-{
-    return strerror(errno);
-}
-
 void actAsKeepwatch()
 {
     setlocale(LC_CTYPE, "");
@@ -65,8 +58,6 @@ static QStringList settingsFiles()
         listed = QFileInfo(QSettings(QSettings::SystemScope, none).fileName()).path();
     QStringList found = QStringList() << own + forUs << own + forAll, rest;
     for (const QString &folder : listed.split(QLatin1Char(':'))) {
-        if (folder.isEmpty())
-            continue;
         found << folder + forUs;
         rest << folder + forAll;
     }
@@ -97,6 +88,8 @@ static void checkLines(const QByteArray &file, QByteArray data, Check *check)
     QByteArray section;
     bool goesOn = false;
     int number = 0;
+    if (data.startsWith("\xef\xbb\xbf")) // a mark of some editors
+        data.remove(0, 3);
     for (const QByteArray &whole : data.replace("\r\n", "\n").replace('\r', '\n').split('\n')) {
         const QByteArray place = file + ":" + QByteArray::number(++number);
         const bool isRest = goesOn;
@@ -128,26 +121,25 @@ static bool checkFile(const QString &path, Check *check)
 {
     const QByteArray name = QFile::encodeName(path);
     struct stat status = {};
-    const bool exists = stat(name.constData(), &status) == 0;
-    if (!exists && (errno == ENOENT || errno == ENOTDIR) && !QFileInfo(path).isSymLink())
+    if (stat(name.constData(), &status) != 0 && (errno == ENOENT || errno == ENOTDIR)
+        && !QFileInfo(path).isSymLink())
         return true;
-    const bool isLarge = S_ISREG(status.st_mode) && status.st_size > settingsBytes;
-    const bool isSpecial = exists && !S_ISREG(status.st_mode) && !S_ISDIR(status.st_mode);
+    const bool isFile = S_ISREG(status.st_mode) && status.st_size <= settingsBytes;
+    const bool isSpecial = status.st_mode && !S_ISDIR(status.st_mode) && !isFile;
     QFile file(path);
     check->lines.append("settings: " + name);
-    if (!isLarge && !isSpecial && !file.open(QIODevice::ReadOnly)) {
-        check->fault(name,
-                     "cannot be read (" + file.errorString().toUtf8() + "), and is ignored; correct that");
+    if (!isSpecial && !file.open(QIODevice::ReadOnly)) {
+        check->fault(name, "is ignored: " + file.errorString().toUtf8() + "; correct that");
         return true;
     }
-    const QByteArray data = file.isOpen() ? file.readAll() : QByteArray(), start = data.left(2);
-    const bool isWide = start == "\xff\xfe" || start == "\xfe\xff" || start.contains('\0');
-    if (isLarge || isSpecial || isWide) {
-        const QByteArray what = isLarge ? "is over 1 MB" : isWide ? "is UTF-16" : "is no regular file";
+    const QByteArray data = isSpecial ? QByteArray() : file.readAll(), mark = data.left(2);
+    const bool isWide = mark == "\xff\xfe" || mark == "\xfe\xff" || mark.contains('\0');
+    if (isSpecial || isWide) {
+        const QByteArray what = isWide ? "is UTF-16" : "is no regular file or over 1 MB";
         check->fault(name, what + ", and no key or module was looked at; replace it");
         return false;
     }
-    checkLines(name, data.mid(data.startsWith("\xef\xbb\xbf") ? 3 : 0), check); // a mark of some editors
+    checkLines(name, data, check);
     check->files.emplace_back(path, QSettings::NativeFormat);
     return true;
 }
@@ -155,18 +147,17 @@ static bool checkFile(const QString &path, Check *check)
 // Returns why a value does not say what it seems to; empty if it does.
 static QByteArray judgeValue(const QVariant &value, bool isFlag)
 {
-    const QString text = value.toString();
-    const QByteArray bytes = text.toLatin1();
-    const QString meant = QString::fromUtf8(bytes.constData(), bytes.size());
+    const QString text = value.toString(), meant = QString::fromUtf8(text.toLatin1());
     const QChar lost = QChar::ReplacementCharacter;
     if (value.userType() == QMetaType::QStringList)
         return "is a list and reads as nothing; put double quotes around it";
-    if (isFlag && text != QString::number(value.toInt()))
+    bool isNumber;
+    text.toInt(&isNumber);
+    if (isFlag && !isNumber)
         return quote(text) + " reads as " + (value.toInt() ? "1" : "0") + "; write 0 or 1";
-    if (text.contains(QChar()) || text.contains(lost))
-        return quote(text) + " has bytes that are no letters; write their codes, like \\x00e4";
-    if (QString::fromLatin1(bytes) == text && meant != text && !meant.contains(lost))
-        return quote(meant) + " reads as " + quote(text) + "; write the codes of letters, like \\x00e4";
+    const bool isLatin = QString::fromLatin1(text.toLatin1()) == text; // read byte by byte
+    if (text.contains(QChar()) || text.contains(lost) || (isLatin && meant != text && !meant.contains(lost)))
+        return "reads as " + quote(text) + "; write what is not ASCII as its code, like \\x00e4";
     return QByteArray();
 }
 
@@ -192,14 +183,10 @@ static void showFlag(const QByteArray &key, bool on, const char *ifOff, const ch
     show(key, QByteArray(on ? "1, " : "0, ") + (on ? ifOn : ifOff), true, check);
 }
 
-static void showLogging(const LoggingSettings &logging, const QString &syslog, Check *check)
+static void showLogging(const LoggingSettings &logging, Check *check)
 {
     showText("logging/logfile", logging.logFile, check);
     showText("logging/telegramfile", logging.telegramFile, check);
-    showText("logging/syslog", syslog, check);
-    if (logging.useSyslog && syslog != QLatin1String("true"))
-        check->fault(check->placeOf("logging/syslog"),
-                     quote(syslog) + " is not false, and means syslog; write true or false");
     showFlag("logging/debug", logging.suppressDebug, "debug messages pass", "no debug messages", check);
     showFlag("logging/trace", logging.suppressTrace, "trace messages pass", "no trace messages", check);
 }
@@ -214,26 +201,24 @@ static void showModule(const QByteArray &name, const ModuleSettings &module, Che
 
 static void findUnknown(const QSettings &file, Check *check)
 {
-    const QString logging = QLatin1String("logging");
-    const QByteArray place = file.fileName().toUtf8();
-    QStringList faulted = check->known;
+    const QStringList sections = QStringList(moduleNames()) << QLatin1String("logging");
+    QStringList seen = check->known;
     for (const QString &key : file.allKeys()) {
         const QString section = key.section(QLatin1Char('/'), 0, 0);
-        const bool isKey = section == key || section == logging || moduleNames().contains(section);
-        const QString shown = isKey ? key : section;
-        if (faulted.contains(shown))
+        const bool isKey = section == key || sections.contains(section);
+        const QString unknown = isKey ? key : section;
+        if (seen.contains(unknown))
             continue;
-        faulted.append(shown);
-        check->fault(place,
-                     (isKey ? "key " : "section ") + quote(shown)
-                         + (section == key ? " stands in no section and is ignored; move it into one"
-                                           : " is unknown and ignored; mind its case, or take it out"));
+        seen.append(unknown);
+        check->fault(file.fileName().toUtf8(),
+                     (isKey ? "key " : "section ") + quote(unknown) + (section == key ? " in no section" : "")
+                         + " is unknown and ignored; mind its case and section, or take it out");
     }
 }
 
 void checkSettings(Check *check)
 {
-    QStringList files = settingsFiles();
+    const QStringList files = settingsFiles();
     for (const QString &file : files) {
         if (!checkFile(file, check))
             return;
@@ -242,8 +227,11 @@ void checkSettings(Check *check)
         check->lines.append("settings: none found, looked for " + files.join(QLatin1String(", ")).toUtf8());
     const QSettings settings;
     const LoggingSettings logging = readLoggingSettings(settings);
-    showLogging(logging, settings.value(QLatin1String("logging/syslog"), QLatin1String("false")).toString(),
-                check);
+    const QString syslog = settings.value(QLatin1String("logging/syslog"), QLatin1String("false")).toString();
+    showLogging(logging, check);
+    showText("logging/syslog", syslog, check);
+    if (logging.useSyslog && syslog != QLatin1String("true"))
+        check->fault(check->placeOf("logging/syslog"), quote(syslog) + " means true; write true or false");
     for (const QString &name : moduleNames())
         showModule(name.toUtf8(), readModuleSettings(settings, name), check);
     for (const QSettings &file : check->files) {

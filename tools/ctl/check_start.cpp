@@ -4,11 +4,10 @@
 #include "commands.h"
 #include "state.h"
 
-#include <QDir>
+#include <QFileInfo>
 
 #include <csignal>
 #include <cstdio>
-#include <cstring>
 #include <paths.h>
 #include <sys/prctl.h>
 #include <sys/resource.h>
@@ -16,53 +15,38 @@
 #include <unistd.h>
 
 static const rlim_t openFiles = 32; // for the bus, the logs, and pipes to two modules and a command
-static const char busVariable[] = "DBUS_SESSION_BUS_ADDRESS";
 
 QByteArray describe(const Process &process)
 {
     return "process " + QByteArray::number(process.id) + " (" + process.name + ")";
 }
 
-// Notes what is not the same for the keepwatch that runs. Returns its value.
-static QByteArray compare(const char *name, const QByteArray &its, const QByteArray &ours, Check *check)
+// If a keepwatch runs, this is about its next start, and so with its user, folder, and environment. Returns
+// false if this user cannot have them.
+static bool takeRunning(Check *check)
 {
-    if (its != ours)
-        check->note(name, "is \"" + its + "\" for the keepwatch that runs and \"" + ours + "\" here");
-    return its;
-}
-
-static void compareEnvironment(Check *check)
-{
-    bool readable;
-    const QByteArray environment = '\0' + readFile(check->running, "environ", &readable);
-    if (!readable)
-        return check->note("environ", "is hidden from this user, and can differ for the keepwatch that runs");
-    for (const char *name : { "HOME", "XDG_CONFIG_HOME", "XDG_CONFIG_DIRS", busVariable }) {
-        const QByteArray ours = qgetenv(name), key = '\0' + QByteArray(name) + '=';
-        const int at = int(environment.indexOf(key));
-        QByteArray its = at < 0 ? "" : environment.constData() + at + key.size();
-        compare(name, its, ours, check);
-        // Its bus is looked at where it has it: for example, in a /tmp of its own.
-        if (name == busVariable && ours.isEmpty())
-            qputenv(name, its.replace("unix:path=", "unix:path=" + folderOf(check->running) + "root"));
-    }
-}
-
-static void findRunning(Check *check)
-{
-    const Process daemon = findDaemons(check->processes).value(0);
-    check->running = daemon.id;
+    const Processes all = check->processes;
+    const Process daemon = findDaemons(all).value(0);
+    QByteArray prefix, advice = "check as root";
+    check->isRunning = daemon.id;
     if (!daemon.id)
-        return;
-    const QByteArray program = readLink(daemon.id, "exe"), user = userName(userOf(daemon.id));
-    check->note("keepwatch", "runs as " + describe(daemon) + "; this is about its next start");
-    if (program.endsWith(" (deleted)"))
-        check->note("keepwatch", "runs the program of before an upgrade; restart it");
-    if (userOf(daemon.id) != int(getuid()))
-        check->fault("keepwatch",
-                     "runs as " + user + ", whose rights and settings count; check as that user");
-    compare("working directory", readLink(daemon.id, "cwd"), readLink(0, "cwd"), check);
-    compareEnvironment(check);
+        return true;
+    const bool isOld = readLink(daemon.id, "exe").endsWith(" (deleted)");
+    check->written = openWrittenFiles(daemon.id);
+    if (!takePlace(daemon.id, &prefix, &advice) || !prefix.isEmpty()) {
+        fprintf(stderr, "zarn5ctl: %s runs, and its surroundings are not known; %s\n",
+                escape(describe(daemon)).constData(), escape(advice).constData());
+        return false;
+    }
+    check->note("keepwatch",
+                describe(daemon) + " runs; this is about its next start with the same surroundings");
+    if (isOld)
+        check->note("keepwatch", describe(daemon) + " is still the program of before an upgrade; restart it");
+    for (const Process &process : all) {
+        if (descendsFrom(all, process.id, daemon.id))
+            check->processes.remove(process.id);
+    }
+    return true;
 }
 
 // Returns the file that a start runs; empty if there is none.
@@ -77,16 +61,16 @@ static QString findCommand(const char *name)
     return QString();
 }
 
-QList<Process> findNamed(const QByteArray &pattern, const Check &check)
+QList<Process> findNamed(const QByteArray &pattern, const Processes &processes)
 {
     // The pgrep of busybox looks at the path that a process was started by.
-    const bool byPath
-        = QFileInfo(findCommand("pgrep")).canonicalFilePath().endsWith(QLatin1String("/busybox"));
+    const QString pgrep = QFileInfo(findCommand("pgrep")).canonicalFilePath();
     QList<Process> found;
-    for (const Process &process : check.processes) {
-        const QByteArray path = byPath ? readFile(process.id, "cmdline").split('\0').first() : QByteArray();
-        const bool ends = check.running && descendsFrom(check.processes, process.id, check.running);
-        if (!ends && (path.isEmpty() ? process.name : path).contains(pattern))
+    for (const Process &process : processes) {
+        QByteArray name = process.name;
+        if (pgrep.endsWith(QLatin1String("/busybox")))
+            name += '\n' + readFile(process.id, "cmdline").split('\0').first();
+        if (name.contains(pattern))
             found.append(process);
     }
     return found;
@@ -98,22 +82,21 @@ static void checkCommands(Check *check)
         check->fault("/proc", "shows no process, and old processes stay; mount it");
     for (const char *name : { "pgrep", "kill" }) {
         const QString file = findCommand(name);
-        if (file.isEmpty())
-            check->fault(name, "is in no folder of PATH, and old processes stay; install it or correct PATH");
-        else
-            check->fault(name, judgeProgram(file));
+        check->fault(name,
+                     file.isEmpty() ? "is not in PATH, and old processes stay; install it or correct PATH"
+                                    : judgeProgram(file));
     }
 }
 
 // Faults what keepwatch takes for another keepwatch.
 static void checkRivals(Check *check)
 {
-    for (const Process &process : findNamed("keepwatch", *check)) {
+    for (const Process &process : findNamed("keepwatch", check->processes)) {
         const Process parent = check->processes.value(process.parent);
         QByteArray advice = "end that, or give it another name";
         if (!process.runs())
             advice = "it has exited, and stays until "
-                + (parent.id > 1 ? "you end " + describe(parent) : "the device restarts");
+                + (parent.id > 1 ? "you end " + describe(parent) : "a reboot");
         check->fault("keepwatch", "does not start beside " + describe(process) + "; " + advice);
     }
 }
@@ -121,32 +104,34 @@ static void checkRivals(Check *check)
 static void checkBus(qint64 deadline, Check *check)
 {
     const QByteArray address = busAddress(), state = Bus().open(address, deadline);
-    if (state == "silent")
-        check->fault(busVariable, "the bus is silent, and the start waits; start another");
-    else if (state != "answers")
-        check->fault(busVariable,
-                     "the bus \"" + address + "\" is " + state
-                         + ", and keepwatch aborts; start one, or set its address");
+    const char *const effect = state == "silent" ? ", and the start waits" : ", and keepwatch aborts";
+    if (state != "answers")
+        check->fault("DBUS_SESSION_BUS_ADDRESS",
+                     "the bus \"" + address + "\" is " + state + effect + "; start another");
+}
+
+static void findFaults(qint64 busDeadline, Check *check)
+{
+    struct rlimit limit;
+    if (getrlimit(RLIMIT_NOFILE, &limit) == 0 && limit.rlim_cur < openFiles)
+        return check->fault("ulimit -n", "is too low, and nothing was looked at; allow 1024 open files");
+    actAsKeepwatch();
+    checkSettings(check);
+    checkCommands(check);
+    checkRivals(check);
+    checkBus(busDeadline, check);
 }
 
 static int checkHere(CheckOutput output, qint64 busDeadline)
 {
     Check check;
-    struct rlimit limit;
-    actAsKeepwatch();
-    if (getrlimit(RLIMIT_NOFILE, &limit) == 0 && limit.rlim_cur < openFiles) {
-        check.fault("ulimit -n", "too few open files, and nothing was looked at; allow 1024");
-    } else {
-        check.processes = readProcesses();
-        findRunning(&check);
-        checkSettings(&check);
-        checkCommands(&check);
-        checkRivals(&check);
-        checkBus(busDeadline, &check);
-    }
-    if (output == Everything)
-        check.lines.append(check.faults.isEmpty() ? QList<QByteArray>() << "no fault found" : check.faults);
-    for (const QByteArray &line : output == Everything ? check.lines : check.faults)
+    check.processes = readProcesses();
+    if (output == Everything && !takeRunning(&check))
+        return 2;
+    findFaults(busDeadline, &check);
+    if (check.faults.isEmpty())
+        check.lines.append("no fault found");
+    for (const QByteArray &line : output == Everything ? check.lines + check.faults : check.faults)
         fprintf(output == Everything ? stdout : stderr, "%s\n", escape(line).constData());
     return !finishOutput() ? 2 : check.faults.isEmpty() ? 0 : 1;
 }
@@ -163,9 +148,9 @@ int checkStart(CheckOutput output, int seconds)
         _exit(checkHere(output, (begin + end) / 2));
     }
     int status = 0;
-    pid_t ended;
-    while ((ended = waitpid(checker, &status, WNOHANG)) == 0 && monotonicMs() < end)
-        usleep(10000);
+    pid_t ended = 0;
+    for (; ended == 0 && monotonicMs() < end; usleep(10000))
+        ended = waitpid(checker, &status, WNOHANG);
     if (ended > 0 && WIFEXITED(status))
         return WEXITSTATUS(status);
     if (ended == 0)

@@ -1,11 +1,14 @@
 #include "oldlogs.h"
 
-#include "check.h"
+#include "settings.h"
 #include "text.h"
 
 #include <QFile>
 #include <QFileInfo>
+#include <QSettings>
+#include <QStringList>
 
+#include <cerrno>
 #include <cstdio>
 #include <sys/statvfs.h>
 
@@ -31,7 +34,7 @@ static void move(const QStringList &places)
     for (int place = last; place > 0; --place) {
         const QByteArray from = QFile::encodeName(places[place - 1]);
         if (rename(from.constData(), QFile::encodeName(places[place]).constData()) != 0) {
-            say("cannot rename " + from + ": " + systemError() + "; keepwatch will empty the log");
+            say("cannot rename " + from + ": " + strerror(errno) + "; keepwatch will empty the log");
             return;
         }
     }

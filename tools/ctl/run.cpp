@@ -32,7 +32,7 @@ struct Family
 
 static bool fail(const QByteArray &what)
 {
-    say(what + ": " + systemError());
+    say(what + ": " + strerror(errno));
     return false;
 }
 
@@ -134,9 +134,7 @@ static bool startBus(Family *family)
 static void waitForOthers(Family *family)
 {
     for (int named = 0; !family->isEnding; waitForSignal(family, 1)) {
-        Check check;
-        check.processes = readProcesses();
-        const QList<Process> others = findNamed("keepwatch", check);
+        const QList<Process> others = findNamed("keepwatch", readProcesses());
         if (others.isEmpty())
             return;
         if (others[0].id != named)
