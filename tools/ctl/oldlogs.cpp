@@ -6,74 +6,55 @@
 #include <QFile>
 #include <QFileInfo>
 #include <QSettings>
+#include <QStringList>
 
 #include <cerrno>
 #include <cstdio>
-#include <sys/stat.h>
 #include <sys/statvfs.h>
-#include <unistd.h>
 
-static const int places = 9;
+static const int lastPlace = 9;
 static const qint64 totalBytes = 10 << 20; // of all older logs
 static const quint64 spareBytes = 1 << 20; // of a file system that is not full
 static const qint64 endBytes = 500000; // what remains of LOG.1 on a full file system
 
-static QByteArray placeOf(const QByteArray &log, int place)
-{
-    return place == 0 ? log : log + "." + QByteArray::number(place);
-}
-
-// A start that failed at once has left one line, which is not worth a place.
-static bool hasTwoLines(const QByteArray &log)
-{
-    QFile file(QFile::decodeName(log));
-    return file.open(QIODevice::ReadOnly) && file.read(65536).count('\n') >= 2;
-}
-
-static bool move(const QByteArray &log)
-{
-    struct stat status;
-    int last = 1; // the first free place, or the last one
-    while (last < places && lstat(placeOf(log, last).constData(), &status) == 0)
-        ++last;
-    for (int place = last; place > 0; --place) {
-        const QByteArray from = placeOf(log, place - 1), to = placeOf(log, place);
-        if (rename(from.constData(), to.constData()) != 0) {
-            fprintf(stderr, "zarn5ctl: cannot rename %s: %s; correct the rights of its folder\n",
-                    escape(from).constData(), strerror(errno));
-            return false;
-        }
-    }
-    return true;
-}
-
 // Returns false if the free space is unknown.
-static bool isFull(const QByteArray &log)
+static bool isFull(const QString &path)
 {
     struct statvfs space;
-    return statvfs(log.constData(), &space) == 0 && space.f_blocks > 0
+    return statvfs(QFile::encodeName(path).constData(), &space) == 0 && space.f_blocks > 0
         && quint64(space.f_bavail) * space.f_frsize < spareBytes;
 }
 
-// The log can lie in memory. On a full file system, keepwatch needs the space for the next log.
-static void removeOldest(const QByteArray &log)
+// `places`: LOG, LOG.1, ...
+static void move(const QStringList &places)
 {
-    const qint64 limit = isFull(placeOf(log, 1)) ? 0 : totalBytes;
-    qint64 bytes = 0;
-    for (int place = 1; place <= places; ++place) {
-        const QByteArray path = placeOf(log, place);
-        struct stat status;
-        if (lstat(path.constData(), &status) != 0)
-            continue;
-        bytes += status.st_blocks * qint64(512);
-        if (place > 1 && bytes > limit)
-            unlink(path.constData());
+    int last = 1; // the first free place, or the last one
+    while (last < lastPlace && QFile::exists(places[last]))
+        ++last;
+    for (int place = last; place > 0; --place) {
+        const QByteArray from = QFile::encodeName(places[place - 1]);
+        if (rename(from.constData(), QFile::encodeName(places[place]).constData()) != 0) {
+            say("cannot rename " + from + ": " + strerror(errno) + "; keepwatch will empty the log");
+            return;
+        }
     }
 }
 
-static void keepEnd(const QByteArray &log)
+// The logs can lie in memory. On a full file system, the next log needs the space.
+static void removeOldest(const QStringList &places)
 {
-    QFile file(QFile::decodeName(log));
+    const qint64 limit = isFull(places[1]) ? 0 : totalBytes;
+    qint64 bytes = QFileInfo(places[1]).size();
+    for (int place = 2; place <= lastPlace; ++place) {
+        bytes += QFileInfo(places[place]).size();
+        if (bytes > limit)
+            QFile::remove(places[place]);
+    }
+}
+
+static void keepEnd(const QString &log)
+{
+    QFile file(log);
     if (file.size() <= endBytes || !file.open(QIODevice::ReadWrite))
         return;
     file.seek(file.size() - endBytes);
@@ -85,15 +66,18 @@ static void keepEnd(const QByteArray &log)
 
 void moveOldLogs()
 {
-    const QString path
-        = readLoggingSettings(QSettings(QLatin1String("zarn5"), QLatin1String("keepwatch"))).logFile;
-    const QFileInfo file(QFileInfo(path).canonicalFilePath()); // the target of a link
-    if (path.isEmpty() || !file.isFile())
+    const QSettings settings(QLatin1String("zarn5"), QLatin1String("keepwatch"));
+    const QString log = QFileInfo(readLoggingSettings(settings).logFile).canonicalFilePath();
+    QFile file(log);
+    if (!QFileInfo(log).isFile() || !file.open(QIODevice::ReadOnly))
         return;
-    const QByteArray log = QFile::encodeName(file.filePath());
-    if (!hasTwoLines(log) || !move(log))
+    if (file.read(100000).count('\n') < 2) // a start that failed at once has left one line
         return;
-    removeOldest(log);
-    if (isFull(placeOf(log, 1)))
-        keepEnd(placeOf(log, 1));
+    QStringList places(log);
+    for (int place = 1; place <= lastPlace; ++place)
+        places << log + QLatin1Char('.') + QString::number(place);
+    move(places);
+    removeOldest(places);
+    if (isFull(places[1]))
+        keepEnd(places[1]);
 }

@@ -1,98 +1,90 @@
-// Runs keepwatch for a service manager, with all that it needs.
+// The command "run": starts keepwatch with all that it needs, for a service manager.
 //
 // The service manager knows the front, which passes signals on to its child, the keeper. The keeper starts
-// and ends all others: the bus daemon, the program, and the watch. If the front is killed, the keeper ends
-// the program in order, and then the rest. If the keeper is killed, the front does.
+// the others: bus daemon, program, and watch. If the front is killed, the keeper ends the program in order.
+// If the keeper is killed, the front does, and inherits its children.
+#include "check.h"
 #include "commands.h"
 #include "oldlogs.h"
-#include "processes.h"
+#include "ping.h"
 #include "state.h"
+#include "watch.h"
 
 #include <cerrno>
-#include <climits>
 #include <csignal>
-#include <cstdio>
 #include <cstdlib>
 #include <fcntl.h>
-#include <getopt.h>
 #include <poll.h>
 #include <sys/mman.h>
 #include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
+#include <vector>
 
 // Lies in memory that the front and the keeper share, so that either one can end what the other has started.
 struct Family
 {
-    bool bus, watch; // whether there is to be one
-    int interval, limit; // of the watch, seconds
-    char **program; // and its arguments
-    pid_t front, busDaemon, child, watcher; // 0: none; `child` prepares the start, and then is the program
-    int childStatus; // as of waitpid
-    char folder[100]; // of the socket; a path of a socket has at most 107 characters
+    bool isEnding; // SIGTERM or SIGINT has come, or one of the family is missing
+    pid_t front, bus, program, watch; // 0: none
+    int status; // of the program, as waitpid has it
+    char folder[100]; // with the socket of the bus, whose path can have 107 characters
 };
 
-static volatile sig_atomic_t asked; // whether SIGINT or SIGTERM has come
-
-static void onSignal(int signal)
+static bool fail(const QByteArray &what)
 {
-    if (signal == SIGINT || signal == SIGTERM)
-        asked = 1;
+    say(what + ": " + strerror(errno));
+    return false;
 }
 
-// Handled signals are blocked except in await, so that none is lost between a look and a wait.
-static void handleSignals()
+// Returns the signals that are blocked except in waitForSignal, so that none is lost between a look and a
+// wait.
+static sigset_t takenSignals()
 {
-    struct sigaction action = {};
-    action.sa_handler = onSignal;
-    sigset_t handled;
-    sigemptyset(&handled);
-    for (int signal : { SIGINT, SIGTERM, SIGCHLD, SIGCONT }) {
-        sigaddset(&handled, signal);
-        sigaction(signal, &action, 0);
-    }
-    sigprocmask(SIG_BLOCK, &handled, 0);
+    sigset_t taken;
+    sigemptyset(&taken);
+    for (int signal : { SIGTERM, SIGINT, SIGCHLD, SIGCONT })
+        sigaddset(&taken, signal);
+    return taken;
 }
 
-// Waits for a signal, for a descriptor (-1: none), and at most `ms` (-1: without limit). Returns whether the
-// descriptor can be read.
-static bool await(int descriptor, int ms)
+static void waitForSignal(Family *family, int seconds)
 {
-    struct pollfd entry = { descriptor, POLLIN, 0 };
-    const struct timespec time = { ms / 1000, ms % 1000 * 1000000L };
-    sigset_t none;
-    sigemptyset(&none);
-    return ppoll(&entry, 1, ms < 0 ? 0 : &time, &none) > 0;
+    const sigset_t taken = takenSignals();
+    const struct timespec timeout = { seconds, 0 };
+    const int signal = sigtimedwait(&taken, 0, &timeout);
+    family->isEnding = family->isEnding || signal == SIGTERM || signal == SIGINT;
 }
 
-// Creates a child with the signals of a fresh process, which gets `deathSignal` when its parent exits.
-// Returns true in the child. The child writes its id, too, so that it cannot be overlooked if the parent is
-// killed here.
+// Creates a child that gets `deathSignal` when its parent exits. Returns true in the child, which writes its
+// id, too, so that it is known even if the parent is killed here.
 static bool spawn(pid_t *id, int deathSignal)
 {
-    const pid_t parent = getpid(), created = fork();
-    *id = created == 0 ? getpid() : created > 0 ? created : 0;
-    if (created < 0)
-        perror("zarn5ctl: cannot start a process");
-    if (created != 0)
+    const pid_t parent = getpid(), child = fork();
+    *id = child == 0 ? getpid() : qMax(0, child);
+    if (child < 0)
+        fail("cannot start a process");
+    if (child != 0)
         return false;
     prctl(PR_SET_PDEATHSIG, deathSignal);
     if (getppid() != parent)
         _exit(1);
-    for (int number = 1; number < NSIG; ++number)
-        signal(number, SIG_DFL);
-    sigset_t none;
-    sigemptyset(&none);
-    sigprocmask(SIG_SETMASK, &none, 0);
     return true;
 }
 
-static void execute(char **words)
+// Becomes a program, which gets the default signals.
+static void execute(QList<QByteArray> words)
 {
-    execvp(words[0], words);
-    const int status = errno == ENOENT ? 127 : 126; // as shells have it
-    fprintf(stderr, "zarn5ctl: cannot start %s: %s\n", escape(QByteArray(words[0])).constData(),
-            strerror(errno));
+    std::vector<char *> arguments;
+    for (QByteArray &word : words)
+        arguments.push_back(word.data());
+    arguments.push_back(0);
+    for (int number = 1; number < NSIG; ++number)
+        signal(number, SIG_DFL);
+    static const sigset_t none = {};
+    sigprocmask(SIG_SETMASK, &none, 0);
+    execvp(arguments[0], arguments.data());
+    const int status = errno == ENOENT ? 127 : 126; // as of a shell
+    fail("cannot start " + words[0]);
     _exit(status);
 }
 
@@ -101,234 +93,143 @@ static void reap(Family *family)
     int status;
     pid_t id;
     while ((id = waitpid(-1, &status, WNOHANG)) > 0) {
-        if (id == family->child)
-            family->childStatus = status;
-        for (pid_t *member : { &family->child, &family->busDaemon, &family->watcher }) {
-            if (*member == id)
-                *member = 0;
-        }
+        if (id == family->program)
+            family->status = status;
+        for (pid_t *member : { &family->bus, &family->program, &family->watch })
+            *member = *member == id ? 0 : *member;
     }
     if (id < 0) // there are no children
-        family->child = family->busDaemon = family->watcher = 0;
-}
-
-static bool isToEnd(const Family *family)
-{
-    return asked || getppid() != family->front;
+        family->bus = family->program = family->watch = 0;
 }
 
 // Starts the private bus, and puts its address into the environment.
 static bool startBus(Family *family)
 {
-    const char *base = getenv("TMPDIR");
-    if (!base || *base != '/')
-        base = "/tmp";
-    const size_t size = sizeof family->folder;
-    const bool fits = size_t(snprintf(family->folder, size, "%s/bus.XXXXXX", base)) < size;
-    if (!fits || !mkdtemp(family->folder)) {
-        fprintf(stderr, "zarn5ctl: cannot make a folder in %s: %s; set TMPDIR to another folder\n", base,
-                strerror(fits ? errno : ENAMETOOLONG));
-        return false;
-    }
+    QByteArray folder = qgetenv("TMPDIR");
+    folder = (folder.startsWith("/") ? folder : "/tmp") + "/bus.XXXXXX";
+    errno = ENAMETOOLONG;
+    if (folder.size() >= int(sizeof family->folder) || !mkdtemp(strcpy(family->folder, folder.constData())))
+        return fail("cannot create " + folder + ", so set TMPDIR to another folder");
     int ends[2];
-    if (pipe2(ends, O_CLOEXEC) != 0) {
-        perror("zarn5ctl: cannot make a pipe");
-        return false;
-    }
-    if (spawn(&family->busDaemon, SIGKILL)) {
-        char address[sizeof family->folder + 30], report[30];
-        snprintf(address, sizeof address, "--address=unix:path=%s/bus", family->folder);
-        snprintf(report, sizeof report, "--print-address=%d", ends[1]);
-        fcntl(ends[1], F_SETFD, 0); // stays open
-        const char *words[] = { "dbus-daemon", "--session", "--nofork", address, report, 0 };
-        execute(const_cast<char **>(words));
+    if (pipe2(ends, O_CLOEXEC) != 0)
+        return fail("cannot create a pipe");
+    if (spawn(&family->bus, SIGKILL)) {
+        const int copy = dup(ends[1]); // which stays open
+        execute({ "dbus-daemon", "--session", "--nofork",
+                  QByteArray("--address=unix:path=") + family->folder + "/bus",
+                  "--print-address=" + QByteArray::number(copy) });
     }
     close(ends[1]);
-    const qint64 deadline = monotonicMs() + 20000;
-    bool reported = false;
-    while (!reported && !isToEnd(family) && monotonicMs() < deadline)
-        reported = await(ends[0], 1000);
+    struct pollfd output = { ends[0], POLLIN, 0 };
     char address[1000];
-    const ssize_t length = reported ? read(ends[0], address, sizeof address) : 0;
+    const ssize_t size = poll(&output, 1, 10000) == 1 ? read(ends[0], address, sizeof address) : 0;
     close(ends[0]);
-    if (length > 0 && address[length - 1] == '\n') {
-        address[length - 1] = 0;
-        return setenv("DBUS_SESSION_BUS_ADDRESS", address, 1) == 0;
-    }
-    if (!isToEnd(family))
-        fputs("zarn5ctl: dbus-daemon does not start\n", stderr);
+    if (size > 0 && address[size - 1] == '\n')
+        return qputenv("DBUS_SESSION_BUS_ADDRESS", QByteArray(address, int(size - 1)));
+    say("dbus-daemon does not start");
     return false;
 }
 
-// keepwatch exits at once if the name of another process contains its own. A zombie counts, too.
-static const Process *findOther(const Processes &processes)
+// Waits while keepwatch would exit at once, because the name of another process contains its own.
+static void waitForOthers(Family *family)
 {
-    for (const Process &process : processes) {
-        if (process.name.contains("keepwatch"))
-            return &process;
-    }
-    return 0;
-}
-
-// Names a process that is still there after a second.
-static void waitForOthers()
-{
-    int seen = 0, named = 0;
-    for (;; sleep(1)) {
-        const Processes processes = readProcesses();
-        const Process *const other = findOther(processes);
-        if (!other)
+    for (int named = 0; !family->isEnding; waitForSignal(family, 1)) {
+        const QList<Process> others = findNamed("keepwatch", readProcesses());
+        if (others.isEmpty())
             return;
-        if (other->id == seen && other->id != named) {
-            fprintf(
-                stderr,
-                "zarn5ctl: waits until process %d (%s) has ended, because keepwatch does not start beside a "
-                "process of such a name%s\n",
-                other->id, escape(other->name).constData(),
-                other->runs() ? "" : "; it is a zombie, so end its parent");
-            named = other->id;
-        }
-        seen = other->id;
+        if (others[0].id != named)
+            say("waits for the exit of " + describe(others[0])
+                + ", because keepwatch does not start beside a process of such a name");
+        named = others[0].id;
     }
 }
 
-// Returns how long the child is allowed to take: as long as all modules can block, and once more in quit().
-static qint64 endLimit(const Family *family)
+// Starts the program. In a session of its own, it gets no Ctrl-C of a terminal.
+static void startProgram(const Options &options, Family *family)
 {
-    return family->limit * 4000 / 3;
-}
-
-// Waits for the exit of the child, and ends it when it is time. Returns its status as a shell does.
-static int serve(Family *family)
-{
-    qint64 end = 0; // when to kill it
-    for (reap(family); family->child; reap(family)) {
-        if (family->bus && !family->busDaemon && !isToEnd(family)) {
-            fputs("zarn5ctl: the bus has ended before the program\n", stderr);
-            asked = 1;
-        }
-        if (isToEnd(family) && end == 0)
-            end = monotonicMs() + endLimit(family);
-        if (isToEnd(family)) { // repeatedly, because the first SIGINT can come before its handler is there
-            kill(family->child, monotonicMs() < end ? SIGINT : SIGKILL);
-            kill(family->child, SIGCONT); // otherwise, a stopped process gets no signal
-        }
-        await(-1, isToEnd(family) ? 1000 : -1);
-    }
-    if (end && monotonicMs() > end)
-        fputs("zarn5ctl: killed the program, which did not exit on SIGINT\n", stderr);
-    const int status = family->childStatus;
-    return WIFSIGNALED(status) ? 128 + WTERMSIG(status) : WEXITSTATUS(status);
-}
-
-// Runs the program. In a session of its own, it gets no Ctrl-C of a terminal.
-static int runProgram(Family *family)
-{
-    if (spawn(&family->child, SIGKILL)) {
-        waitForOthers();
-        moveOldLogs();
+    if (!spawn(&family->program, SIGINT))
+        return;
+    setsid();
+    waitForOthers(family);
+    if (family->isEnding)
         _exit(0);
-    }
-    serve(family);
-    if (isToEnd(family))
-        return 0;
-    family->childStatus = 1 << 8; // if there is no process
-    if (spawn(&family->child, SIGINT)) {
-        setsid();
-        execute(family->program);
-    }
-    return serve(family);
+    moveOldLogs(); // before the check, because it makes room
+    checkStart(FaultsAlone);
+    execute(options.program);
 }
 
-// Ends all but the child, which has exited.
-static void cleanUp(const Family *family)
+// Waits for the exit of the program, and ends it when it is time. Returns its status as a shell does. Then
+// exit at once: the kernel kills the bus daemon and the watch, even if they hang.
+static int serve(const Options &options, Family *family)
 {
-    for (pid_t id : { family->busDaemon, family->watcher }) {
-        if (id) {
-            kill(id, SIGKILL); // it can hang
-            waitpid(id, 0, 0);
+    const int interval = options.interval ? options.interval : 60;
+    // As long as all modules can block keepwatch, and each in quit().
+    const qint64 patience = (options.seconds ? options.seconds : longestWait()) * 4000 / 3;
+    qint64 watchDue = 0, killDue = LLONG_MAX;
+    for (reap(family); family->program; reap(family)) {
+        const qint64 now = monotonicMs();
+        if (options.bus && !family->bus && !family->isEnding) {
+            say("the bus has ended before the program");
+            family->isEnding = true;
         }
+        if (family->isEnding || getppid() != family->front) {
+            family->isEnding = true;
+            killDue = qMin(killDue, now + patience);
+            // Repeatedly, because the first one can come before its handler is there.
+            kill(family->program, now < killDue ? SIGINT : SIGKILL);
+            kill(family->program, SIGCONT); // otherwise, a stopped process gets no signal
+        } else if (options.watch && !family->watch && now >= watchDue) {
+            watchDue = now + interval * 1000;
+            if (spawn(&family->watch, SIGKILL))
+                _exit(watch(options.interval, options.seconds));
+        }
+        waitForSignal(family, family->isEnding ? 1 : interval);
     }
-    char socket[sizeof family->folder + 5];
-    snprintf(socket, sizeof socket, "%s/bus", family->folder);
-    unlink(socket);
+    if (monotonicMs() >= killDue)
+        say("the program did not exit on SIGINT, and was killed");
+    unlink((QByteArray(family->folder) + "/bus").constData());
     rmdir(family->folder);
+    return WIFEXITED(family->status) ? WEXITSTATUS(family->status) : 128 + WTERMSIG(family->status);
 }
 
-static int keep(Family *family)
+// Returns the exit status.
+static int keep(const Options &options, Family *family)
 {
     setsid(); // a signal to the group of the front must not reach the keeper
-    prctl(PR_SET_PDEATHSIG, SIGCONT); // wakes it up, even if it is stopped
-    const int status = !family->bus || startBus(family) ? runProgram(family) : !isToEnd(family);
-    cleanUp(family);
-    return status;
+    family->status = 1 << 8; // unless the program starts
+    if (!options.bus || startBus(family))
+        startProgram(options, family);
+    return serve(options, family);
 }
 
-static int passOn(Family *family, pid_t keeper)
+// Waits for the keeper, and passes signals on to it. Returns the exit status.
+static int guard(const Options &options, Family *family, pid_t keeper)
 {
     int status;
     for (pid_t id; (id = waitpid(-1, &status, WNOHANG)) != keeper;) {
-        if (id > 0) // an orphan of the program
-            continue;
-        if (asked) {
-            kill(keeper, SIGTERM);
+        if (family->isEnding)
             kill(keeper, SIGCONT);
-        }
-        asked = 0;
-        await(-1, -1);
+        if (id == 0) // otherwise, there can be more orphans of the program
+            waitForSignal(family, INT_MAX);
     }
     if (WIFEXITED(status))
         return WEXITSTATUS(status);
-    asked = 1; // it was killed
-    const int childStatus = serve(family);
-    cleanUp(family);
-    return childStatus;
+    family->isEnding = true; // the keeper was killed, and so is the bus
+    return serve(options, family);
 }
 
-static bool readOptions(int count, char **words, Family *family)
+int runCommand(const Options &options)
 {
-    static const struct option options[] = { { "bus", no_argument, 0, 'b' },
-                                             { "watch", no_argument, 0, 'w' },
-                                             { "interval", required_argument, 0, 'i' },
-                                             { "limit", required_argument, 0, 'l' },
-                                             {} };
-    for (int option; (option = getopt_long(count, words, "+", options, 0)) != -1;) {
-        if (option == '?')
-            return false;
-        family->bus |= option == 'b';
-        family->watch |= option == 'w';
-        if (!optarg)
-            continue;
-        char *end;
-        const long seconds = strtol(optarg, &end, 10);
-        if (*end || seconds < 1 || seconds > 99999)
-            return false;
-        (option == 'i' ? family->interval : family->limit) = int(seconds);
-    }
-    family->program = words + optind;
-    return optind < count;
-}
-
-int runCommand(int count, char **words)
-{
+    const sigset_t taken = takenSignals();
+    sigprocmask(SIG_BLOCK, &taken, 0);
     void *const memory = mmap(0, sizeof(Family), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
-    if (memory == MAP_FAILED) {
-        perror("zarn5ctl");
-        return 1;
-    }
+    if (memory == MAP_FAILED)
+        return !fail("cannot start");
     Family *const family = static_cast<Family *>(memory); // all zero
-    family->interval = 60;
-    family->limit = 150;
     family->front = getpid();
-    if (!readOptions(count, words, family))
-        return -1;
-    handleSignals();
-    prctl(PR_SET_CHILD_SUBREAPER, 1); // if the keeper is killed, its children become those of the front
-    const pid_t keeper = fork();
-    if (keeper == 0)
-        _exit(keep(family));
-    if (keeper > 0)
-        return passOn(family, keeper);
-    perror("zarn5ctl: cannot start a process");
-    return 1;
+    prctl(PR_SET_CHILD_SUBREAPER, 1);
+    pid_t keeper;
+    if (spawn(&keeper, SIGCONT)) // wakes it up, even if it is stopped
+        _exit(keep(options, family));
+    return keeper ? guard(options, family, keeper) : 1;
 }

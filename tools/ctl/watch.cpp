@@ -7,15 +7,16 @@
 #include "inquiry.h"
 #include "ping.h"
 
-#include <cerrno>
+#include <QDateTime>
+
 #include <climits>
 #include <csignal>
 #include <cstdio>
-#include <ctime>
 #include <dbus/dbus.h>
 #include <memory>
 #include <poll.h>
 #include <sys/prctl.h>
+#include <sys/signalfd.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -24,13 +25,7 @@ static const int slowMs = 1000; // a control call that takes longer is reported
 static const int unansweredMs = 26000; // keepwatch gives up a call after 25 s
 static const int retryMs = 5000; // while there is no bus daemon
 static const int busMs = 2000; // for a bus daemon to answer
-static const int callLimit
-    = 200; // calls that can wait for their reply; there is one unless others call modules
-
-static void say(const QByteArray &text)
-{
-    fprintf(stderr, "zarn5ctl: %s\n", escape(text).constData());
-}
+static const int callLimit = 20; // calls without a reply yet; keepwatch makes one at a time
 
 namespace {
 
@@ -38,9 +33,9 @@ namespace {
 class CallWatcher
 {
 public:
-    /** Does what is due. Connects again `refusedMs` after a bus daemon has refused that. */
-    void work(qint64 refusedMs);
-    int descriptor() const;
+    /** Does what is due. Connects to a bus daemon every `intervalMs` at most. */
+    void work(qint64 intervalMs);
+    int descriptor() const; ///< -1 if there is no connection
     qint64 due() const; ///< when there is something to do, even if no message comes
 
 private:
@@ -51,7 +46,8 @@ private:
         qint64 began;
     };
 
-    void connect(qint64 refusedMs);
+    QByteArray connect(const QByteArray &address);
+    void read();
     void begin(DBusMessage *message);
     void end(DBusMessage *message);
     void warn(const QByteArray &text) const;
@@ -59,7 +55,7 @@ private:
     std::unique_ptr<Bus> monitor; // null while there is none
     QList<Call> calls; // without a reply, the oldest first
     qint64 retry = 0; // when to connect
-    bool wasRefused = false; // which is said once
+    bool isTold = false; // that there is no monitor
 };
 
 }
@@ -75,27 +71,22 @@ qint64 CallWatcher::due() const
     return monitor ? givenUp : qMin(givenUp, retry);
 }
 
-// Does not connect before a bus daemon runs. Otherwise the connection could have a service manager, which has
-// the socket then, start one at a moment when that waits for a bus daemon itself.
-void CallWatcher::connect(qint64 refusedMs)
+// Returns why that is not possible, as Bus::open does. Does not connect before a bus daemon runs. Otherwise a
+// service manager, which has the socket then, could start one at a moment when it waits for a bus daemon
+// itself.
+QByteArray CallWatcher::connect(const QByteArray &address)
 {
-    const QByteArray address = busAddress();
-    retry = monotonicMs() + retryMs;
     if (!findListener(readProcesses(), 0, socketPath(address)))
-        return;
-    retry = monotonicMs() + refusedMs;
+        return "gone";
     monitor.reset(new Bus);
-    const QByteArray rule = "type='method_call',path='/',member=";
     const QByteArray answer = monitor->open(address, monotonicMs() + busMs);
-    if (answer == "answers"
-        && monitor->becomeMonitor({ rule + "'run'", rule + "'quit'", rule + "'updateKeepwatchInfo'",
-                                    "type='method_return'", "type='error'" },
-                                  busMs))
-        return;
+    const QByteArray rule = "type='method_call',path='/',member=";
+    const QList<QByteArray> rules = { rule + "'run'", rule + "'quit'", rule + "'updateKeepwatchInfo'",
+                                      "type='method_return'", "type='error'" };
+    if (answer == "answers" && monitor->becomeMonitor(rules, busMs))
+        return QByteArray();
     monitor.reset();
-    if (!wasRefused && answer != "gone" && answer != "silent")
-        say("the bus at " + address + " does not let this user watch the calls of keepwatch");
-    wasRefused = wasRefused || (answer != "gone" && answer != "silent");
+    return answer == "answers" ? "refused" : answer;
 }
 
 // A control call names the interface of the module that it is for.
@@ -130,34 +121,42 @@ void CallWatcher::end(DBusMessage *message)
 // By a connection of its own, since a monitor must not send.
 void CallWatcher::warn(const QByteArray &text) const
 {
-    struct timespec now;
-    clock_gettime(CLOCK_REALTIME, &now);
-    const QByteArray stamp = Clock(Clock::Local).write(now.tv_sec * qint64(1000) + now.tv_nsec / 1000000);
+    const QString form = QLatin1String("(yyyy-MM-dd hh:mm:ss.zzz) 'zarn5-calls    : '");
     const qint64 end = monotonicMs() + busMs;
     Bus bus;
     if (qstrcmp(bus.open(busAddress(), end), "answers") == 0)
-        bus.publish("(" + stamp + ") zarn5-calls    : " + text, end);
+        bus.publish(QDateTime::currentDateTime().toString(form).toLatin1() + text, end);
 }
 
-void CallWatcher::work(qint64 refusedMs)
+void CallWatcher::read()
 {
-    if (!monitor && monotonicMs() >= retry)
-        connect(refusedMs);
-    const bool isConnected = monitor && monitor->read();
-    while (DBusMessage *const message = monitor ? monitor->take() : 0) {
+    const bool isConnected = monitor->read();
+    while (DBusMessage *const message = monitor->take()) {
         if (dbus_message_get_type(message) == DBUS_MESSAGE_TYPE_METHOD_CALL)
             begin(message);
         else
             end(message);
         dbus_message_unref(message);
     }
-    while (!calls.isEmpty() && monotonicMs() >= calls.first().began + unansweredMs)
-        warn(calls.takeFirst().text + " was not answered");
-    if (isConnected || !monitor)
+    if (isConnected)
         return;
     monitor.reset();
     calls.clear();
-    retry = monotonicMs() + retryMs;
+}
+
+void CallWatcher::work(qint64 intervalMs)
+{
+    if (!monitor && monotonicMs() >= retry) {
+        const QByteArray address = busAddress(), trouble = connect(address);
+        retry = monotonicMs() + (trouble == "gone" ? retryMs : intervalMs);
+        if (!monitor && !isTold)
+            say("no control calls are watched on the bus at \"" + address + "\": " + trouble);
+        isTold = !monitor;
+    }
+    if (monitor)
+        read();
+    if (!calls.isEmpty() && monotonicMs() >= calls.first().began + unansweredMs)
+        warn(calls.takeFirst().text + " was not answered");
 }
 
 // Asks for at least as long as modules can block a keepwatch that is not stopped.
@@ -168,94 +167,61 @@ static Ping pingPatiently(int limit)
     return canWait && limit < longestWait() ? ping(longestWait(), false) : found;
 }
 
-// Unless it was restarted.
 static void end(const Ping &found)
 {
-    const Process process = found.hanging, same = readProcesses().value(process.id);
-    if (same.started != process.started)
-        return;
-    const bool isKilled = kill(process.id, SIGKILL) == 0;
-    const QByteArray name = found.isBus ? "the bus daemon" : "keepwatch",
-                     outcome = isKilled ? "is killed" : "cannot be killed: " + QByteArray(strerror(errno));
-    say(name + " hangs: process " + QByteArray::number(process.id) + " " + outcome + " (" + found.finding.text
-        + ")");
+    const char *const outcome = kill(found.hanging.id, SIGKILL) == 0 ? "is killed" : "cannot be killed";
+    say(format("%s hangs: process %d %s (%s)", found.isBus ? "the bus daemon" : "keepwatch", found.hanging.id,
+               outcome, found.finding.text.constData()));
 }
 
-// Ends what hangs twice in a row. Returns the exit status of a ping. `isNew`: the ping before was good.
-static int checkAnswers(int limit, bool isNew)
+// Ends what hangs twice in a row, unless it was restarted.
+static void check(int limit)
 {
     const Ping first = pingPatiently(limit);
-    if (first.outcome == Hangs && first.hanging.id) {
-        const Ping second = pingPatiently(limit);
-        if (second.outcome == Hangs && second.hanging.id == first.hanging.id
-            && second.hanging.started == first.hanging.started)
-            end(second);
-        return second.outcome;
-    }
-    if (first.outcome != Answers && isNew)
-        say("keepwatch: " + first.finding.text + "; " + first.finding.advice);
-    return first.outcome;
+    if (first.outcome == Answers || !first.runs)
+        return;
+    const Ping second = first.outcome == Hangs ? pingPatiently(limit) : first;
+    const Process process = first.hanging;
+    if (second.outcome == CannotTell || (second.runs && !second.hanging.id))
+        say("keepwatch: " + second.finding.text + "; " + second.finding.advice);
+    else if (second.outcome == Hangs && second.hanging.id == process.id
+             && readProcesses().value(process.id).started == process.started)
+        end(second);
 }
 
 // In a process of its own, since it can take minutes. That ends with this one.
-static pid_t startCheck(int limit, bool isNew)
+static pid_t startCheck(int limit)
 {
     const pid_t watcher = getpid();
     const pid_t checker = fork();
     if (checker != 0)
         return checker;
-    signal(SIGCHLD, SIG_IGN); // leaves no zombies
-    prctl(PR_SET_PDEATHSIG, SIGKILL);
-    _exit(getppid() == watcher ? checkAnswers(limit, isNew) : CannotTell);
-}
-
-static volatile sig_atomic_t isEnding = 0;
-
-static void onSignal(int signal)
-{
-    isEnding = isEnding || signal != SIGCHLD;
-}
-
-// Sleeps until `due`, a message, or a signal, which comes only here.
-static void sleepUntil(qint64 due, int descriptor)
-{
-    static const sigset_t none = {};
-    const qint64 ms = qMax(qint64(0), due - monotonicMs());
-    const struct timespec timeout = { time_t(ms / 1000), long(ms % 1000 * 1000000) };
-    struct pollfd input = { descriptor, POLLIN, 0 };
-    ppoll(&input, 1, &timeout, &none);
-}
-
-static void takeSignals()
-{
-    sigset_t taken;
-    sigemptyset(&taken);
-    for (int number : { SIGTERM, SIGINT, SIGCHLD }) {
-        signal(number, onSignal);
-        sigaddset(&taken, number);
-    }
-    sigprocmask(SIG_SETMASK, &taken, 0); // the signal that interrupts Bus::open is not blocked
+    if (prctl(PR_SET_PDEATHSIG, SIGKILL) == 0 && getppid() == watcher)
+        check(limit);
+    _exit(0);
 }
 
 int watch(int intervalSeconds, int limitSeconds)
 {
     const qint64 intervalMs = (intervalSeconds ? intervalSeconds : defaultInterval) * qint64(1000);
-    takeSignals();
+    sigset_t ends;
+    sigemptyset(&ends);
+    sigaddset(&ends, SIGTERM);
+    sigaddset(&ends, SIGINT);
+    sigprocmask(SIG_SETMASK, &ends, 0); // without the signal that interrupts Bus::open
+    signal(SIGCHLD, SIG_IGN); // the kernel reaps the children
+    struct pollfd inputs[] = { { signalfd(-1, &ends, SFD_CLOEXEC), POLLIN, 0 }, { -1, POLLIN, 0 } };
     CallWatcher calls;
     pid_t checker = 0;
-    bool isNew = true;
-    for (qint64 next = monotonicMs() + intervalMs; !isEnding;
-         sleepUntil(qMin(next, calls.due()), calls.descriptor())) {
-        int status;
-        if (checker > 0 && waitpid(checker, &status, WNOHANG) == checker) {
-            checker = 0;
-            isNew = WIFEXITED(status) && WEXITSTATUS(status) == Answers;
-        }
-        if (monotonicMs() >= next && checker <= 0)
-            checker = startCheck(limitSeconds ? limitSeconds : longestWait(), isNew);
-        while (next <= monotonicMs())
-            next += intervalMs;
+    for (qint64 next = monotonicMs() + intervalMs; !inputs[0].revents;) {
         calls.work(intervalMs);
+        if (monotonicMs() >= next) {
+            if (checker <= 0 || waitpid(checker, 0, WNOHANG) != 0) // otherwise it still runs
+                checker = startCheck(limitSeconds ? limitSeconds : longestWait());
+            next = monotonicMs() + intervalMs;
+        }
+        inputs[1].fd = calls.descriptor();
+        poll(inputs, 2, int(qMax(qint64(0), qMin(next, calls.due()) - monotonicMs())));
     }
     return 0;
 }
