@@ -121,7 +121,7 @@ void CallWatcher::end(DBusMessage *message)
 // By a connection of its own, since a monitor must not send.
 void CallWatcher::warn(const QByteArray &text) const
 {
-    const QString form = QLatin1String("(yyyy-MM-dd hh:mm:ss.zzz) 'zarn5-calls    : '");
+    const QString form = QLatin1String("(yyyy-MM-dd hh:mm:ss.zzz) 'zarn5ctl       : '");
     const qint64 end = monotonicMs() + busMs;
     Bus bus;
     if (qstrcmp(bus.open(busAddress(), end), "answers") == 0)
