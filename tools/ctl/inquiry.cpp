@@ -1,19 +1,17 @@
 #include "inquiry.h"
 
 #include "bus.h"
+#include "check.h"
 #include "modules.h"
 #include "place.h"
-#include "qtversion.h"
 #include "settings.h"
 
-#include <QCoreApplication>
 #include <QDataStream>
 #include <QFile>
 #include <QFileInfo>
 #include <QSettings>
 
 #include <cerrno>
-#include <clocale>
 #include <csignal>
 #include <ctime>
 #include <fcntl.h>
@@ -111,11 +109,7 @@ void Asker::run()
 
 void Asker::readSettings()
 {
-    setlocale(LC_CTYPE, "");
-    keepLettersWithoutLocale();
-    QCoreApplication::setOrganizationName(QLatin1String("zarn5"));
-    QCoreApplication::setOrganizationDomain(QLatin1String("zarn5.qel.com"));
-    QCoreApplication::setApplicationName(QLatin1String("keepwatch"));
+    actAsKeepwatch();
     const QSettings settings;
     if (QFile::exists(settings.fileName()))
         facts["settings"] = encode(settings.fileName());
