@@ -49,16 +49,10 @@ void checkModules(const QSettings &settings, Check *check);
 /** Returns why a program cannot be executed; empty if it can. */
 QByteArray judgeProgram(const QString &path);
 
-/** Returns what a shell, or other settings, would read in a path that leads nowhere, or `otherwise`. */
-QByteArray findMisreading(const QString &path, const QByteArray &otherwise);
-
 /** Returns the processes that a start finds by a part of their name. */
 QList<Process> findNamed(const QByteArray &pattern, const Processes &processes);
 
 /** Returns "process ID (NAME)". */
 QByteArray describe(const Process &process);
-
-/** Returns `text` in double quotes. */
-QByteArray quote(const QString &text);
 
 #endif
