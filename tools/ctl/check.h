@@ -6,8 +6,8 @@
 #include "processes.h"
 #include "settings.h"
 
+#include <QSet>
 #include <QSettings>
-#include <QStringList>
 
 #include <deque>
 
@@ -32,7 +32,7 @@ struct Check
     QList<WrittenFile> written; ///< by the keepwatch that runs
     bool isRunning = false;
     std::deque<QSettings> files; ///< where keepwatch looks for a key, in this order
-    QStringList known; ///< keys that keepwatch reads
+    QSet<QString> known; ///< keys that keepwatch reads
     QList<QByteArray> lines; ///< the settings as keepwatch reads them, and notes
     QList<QByteArray> faults;
 

@@ -19,10 +19,10 @@ static QByteArray judgeFile(const QFileInfo &file, int error, mode_t mode)
     if (!error && (S_ISDIR(mode) || S_ISSOCK(mode)))
         return "is a folder or a socket, and lines are lost; name a file";
     if (error == ENOENT && access(folder.constData(), W_OK | X_OK) != 0)
-        return "cannot be made in \"" + folder + "\" (" + strerror(errno)
+        return "cannot be made in \"" + folder + "\" (" + QByteArray(strerror(errno))
             + "), and lines are lost; correct that";
     if (error != ENOENT && access(path.constData(), W_OK) != 0)
-        return QByteArray("cannot be opened (") + strerror(errno)
+        return QByteArray("cannot be opened (") + QByteArray(strerror(errno))
             + "), and lines are lost; correct its rights";
     struct statvfs room;
     if ((!error && !S_ISREG(mode)) || statvfs(folder.constData(), &room) != 0 || room.f_blocks == 0)

@@ -18,7 +18,7 @@ static QByteArray judgeScript(const QByteArray &head)
     words.removeAll(QByteArray());
     const QByteArray interpreter = words.value(0);
     if (access(interpreter.constData(), X_OK) != 0)
-        return "cannot be started by \"" + interpreter + "\" (" + strerror(errno)
+        return "cannot be started by \"" + interpreter + "\" (" + QByteArray(strerror(errno))
             + "); correct its first line";
     if (interpreter.endsWith("/env"))
         return "is started by env, and so has another name; name the interpreter itself in its first line";

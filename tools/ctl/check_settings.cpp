@@ -81,8 +81,10 @@ static void checkLines(const QByteArray &file, QByteArray data, Check *check)
             continue;
         if (goesOn)
             check->fault(place, "goes on over the line end; close its quotes, and end it with no \\");
-        if (size < heads)
+        if (size < heads) {
             check->fault(place, "reads as neither [section] nor key=value; correct it or put ; in front");
+            continue;
+        }
         section = heads ? name : section;
         int &before = seen[heads ? section : section + '=' + name];
         const QByteArray again = " stands in line " + QByteArray::number(before) + " too, ";
@@ -142,7 +144,7 @@ static void show(const QByteArray &key, const QByteArray &value, bool isFlag, Ch
 {
     const QString name = QString::fromLatin1(key);
     const QByteArray place = check->placeOf(key);
-    check->known.append(name);
+    check->known.insert(name);
     check->lines.append(QByteArray(place).insert(key.size(), " = " + value));
     check->fault(place, judgeValue(QSettings().value(name, isFlag ? QVariant(1) : QVariant()), isFlag));
 }
@@ -178,14 +180,14 @@ static void showModule(const QByteArray &name, const ModuleSettings &module, Che
 static void findUnknown(const QSettings &file, Check *check)
 {
     const QStringList sections = QStringList(moduleNames()) << QLatin1String("logging");
-    QStringList seen = check->known;
+    QSet<QString> seen = check->known;
     for (const QString &key : file.allKeys()) {
         const QString section = key.section(QLatin1Char('/'), 0, 0);
         const bool isKey = section == key || sections.contains(section);
         const QString unknown = isKey ? key : section;
         if (seen.contains(unknown))
             continue;
-        seen.append(unknown);
+        seen.insert(unknown);
         check->fault(file.fileName().toUtf8(),
                      (isKey ? "key " : "section ") + quote(unknown) + (section == key ? " in no section" : "")
                          + " is unknown and ignored; mind its case and section, or take it out");

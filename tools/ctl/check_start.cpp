@@ -16,6 +16,8 @@
 
 static const rlim_t openFiles = 32; // for the bus, the logs, and pipes to two modules and a command
 
+static const char busPlace[] = "DBUS_SESSION_BUS_ADDRESS";
+
 QByteArray describe(const Process &process)
 {
     return "process " + QByteArray::number(process.id) + " (" + process.name + ")";
@@ -97,10 +99,11 @@ static void checkSystem(qint64 busDeadline, Check *check)
                 + (process.runs() ? "; end that, or rename it" : ", which has exited but stays; " + end));
     }
     const QByteArray address = sessionBusAddress(), state = Bus().open(address, busDeadline);
-    const char *const effect = state == "silent" ? ", and the start waits" : ", and keepwatch aborts";
-    if (state != "answers")
-        check->fault("DBUS_SESSION_BUS_ADDRESS",
-                     "the bus \"" + address + "\" is " + state + effect + "; start another");
+    if (state == "silent")
+        check->fault(busPlace, address + " is silent, and the start waits; start another bus");
+    else if (state != "answers")
+        check->fault(busPlace,
+                     "\"" + address + "\" is " + state + ", and keepwatch aborts; start a session bus");
 }
 
 static int checkHere(CheckOutput output, qint64 busDeadline)
@@ -138,7 +141,8 @@ int checkStart(CheckOutput output, int seconds)
         return WEXITSTATUS(status);
     if (ended == 0)
         kill(checker, SIGKILL);
-    fputs("zarn5ctl: the check did not come to an end; see whether a disk hangs\n", stderr);
+    fputs("zarn5ctl: the check did not come to an end; see whether a disk hangs, or processes are too many\n",
+          stderr);
     return 2;
 }
 
