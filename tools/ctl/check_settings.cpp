@@ -109,7 +109,7 @@ static bool checkFile(const QString &path, Check *check)
     const bool isRead = isRegular && file.open(QIODevice::ReadOnly);
     const QByteArray data = isRead ? file.readAll() : QByteArray();
     const bool isWide
-        = data.startsWith("\xff\xfe") || data.startsWith("\xfe\xff") || data.left(2).contains('\0');
+        = data.startsWith("\xff\xfe") || data.startsWith("\xfe\xff") || data.left(2).count('\0') == 1;
     check->lines.append("settings: " + name);
     if (!isRead || isWide) {
         check->fault(name,
