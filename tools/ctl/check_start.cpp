@@ -98,7 +98,7 @@ static void checkSystem(qint64 busDeadline, Check *check)
             "does not start beside " + describe(process)
                 + (process.runs() ? "; end that, or rename it" : ", which has exited but stays; " + end));
     }
-    const QByteArray address = sessionBusAddress(), state = Bus().open(address, busDeadline);
+    const QByteArray address = busAddress(), state = Bus().open(address, busDeadline);
     if (state == "silent")
         check->fault(busPlace, address + " is silent, and the start waits; start another bus");
     else if (state != "answers")

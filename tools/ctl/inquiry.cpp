@@ -188,7 +188,7 @@ void Asker::judgeUnwritten(const QByteArray &path)
 
 void Asker::askBus()
 {
-    QByteArray address = sessionBusAddress();
+    QByteArray address = busAddress();
     facts["bus_address"] = address;
     facts["bus"] = "unknown";
     if (address.isEmpty())
@@ -247,7 +247,8 @@ void Asker::askLives(Bus *bus)
     bus->wait(answerEnd());
     QByteArray silent;
     for (int i = 0; i < pings.size(); ++i) {
-        if (!bus->isAnswered(pings[i]))
+        // The bus daemon replies for a connection that has ended.
+        if (!bus->isAnswered(pings[i]) || bus->isError(pings[i]))
             join(&silent, facts["connection_" + text(i)], " ");
     }
     facts["silent"] = silent;
@@ -383,8 +384,7 @@ static void findLeftModules(const Processes &processes, Report *report)
     }
 }
 
-// The name of the first socket in an address, as the kernel has it.
-static QByteArray socketPath(const QByteArray &address)
+QByteArray socketPath(const QByteArray &address)
 {
     const int path = int(address.indexOf("path=")), abstract = int(address.indexOf("abstract="));
     const int begin = int(address.indexOf('=', path < 0 ? abstract : path)) + 1;
