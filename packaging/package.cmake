@@ -14,16 +14,12 @@ function(install_gzipped file directory)
   install(FILES ${CMAKE_CURRENT_BINARY_DIR}/${name}.gz DESTINATION ${directory})
 endfunction()
 
-install(TARGETS keepwatch zarn5-check zarn5ctl RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
-install(PROGRAMS tools/zarn5-bus tools/zarn5-calls tools/zarn5-guard tools/zarn5-oldlog DESTINATION ${CMAKE_INSTALL_BINDIR})
+install(TARGETS keepwatch zarn5ctl RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
 install(FILES device/keepwatch.service DESTINATION lib/systemd/user)
 install(FILES device/dbus.service.d/keepwatch.conf DESTINATION lib/systemd/user/dbus.service.d)
-foreach(page keepwatch zarn5-bus zarn5-calls zarn5-check zarn5-oldlog zarn5ctl)
+foreach(page keepwatch zarn5ctl)
   install_gzipped(man/${page}.8 ${CMAKE_INSTALL_MANDIR}/man8)
 endforeach()
-# zarn5-guard shares the manual page of zarn5-calls.
-execute_process(COMMAND ${CMAKE_COMMAND} -E create_symlink zarn5-calls.8.gz ${CMAKE_CURRENT_BINARY_DIR}/zarn5-guard.8.gz)
-install(FILES ${CMAKE_CURRENT_BINARY_DIR}/zarn5-guard.8.gz DESTINATION ${CMAKE_INSTALL_MANDIR}/man8)
 install_gzipped(man/keepwatch.conf.5 ${CMAKE_INSTALL_MANDIR}/man5)
 install_gzipped(packaging/changelog ${CMAKE_INSTALL_DOCDIR})
 

@@ -1,19 +1,17 @@
 #include "inquiry.h"
 
 #include "bus.h"
+#include "check.h"
 #include "modules.h"
 #include "place.h"
-#include "qtversion.h"
 #include "settings.h"
 
-#include <QCoreApplication>
 #include <QDataStream>
 #include <QFile>
 #include <QFileInfo>
 #include <QSettings>
 
 #include <cerrno>
-#include <clocale>
 #include <csignal>
 #include <ctime>
 #include <fcntl.h>
@@ -111,11 +109,7 @@ void Asker::run()
 
 void Asker::readSettings()
 {
-    setlocale(LC_CTYPE, "");
-    keepLettersWithoutLocale();
-    QCoreApplication::setOrganizationName(QLatin1String("zarn5"));
-    QCoreApplication::setOrganizationDomain(QLatin1String("zarn5.qel.com"));
-    QCoreApplication::setApplicationName(QLatin1String("keepwatch"));
+    actAsKeepwatch();
     const QSettings settings;
     if (QFile::exists(settings.fileName()))
         facts["settings"] = encode(settings.fileName());
@@ -194,10 +188,7 @@ void Asker::judgeUnwritten(const QByteArray &path)
 
 void Asker::askBus()
 {
-    QByteArray address = qgetenv("DBUS_SESSION_BUS_ADDRESS");
-    const QByteArray runtime = qgetenv("XDG_RUNTIME_DIR");
-    if (address.isEmpty() && !runtime.isEmpty())
-        address = "unix:path=" + runtime + "/bus";
+    QByteArray address = busAddress();
     facts["bus_address"] = address;
     facts["bus"] = "unknown";
     if (address.isEmpty())
@@ -392,8 +383,7 @@ static void findLeftModules(const Processes &processes, Report *report)
     }
 }
 
-// The name of the first socket in an address, as the kernel has it.
-static QByteArray socketPath(const QByteArray &address)
+QByteArray socketPath(const QByteArray &address)
 {
     const int path = int(address.indexOf("path=")), abstract = int(address.indexOf("abstract="));
     const int begin = int(address.indexOf('=', path < 0 ? abstract : path)) + 1;

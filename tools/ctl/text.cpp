@@ -108,3 +108,8 @@ bool finishOutput()
     fputs("zarn5ctl: the output cannot be written; make room on its disk\n", stderr);
     return false;
 }
+
+void say(const QByteArray &text)
+{
+    fprintf(stderr, "zarn5ctl: %s\n", escape(text).constData());
+}

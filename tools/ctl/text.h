@@ -68,4 +68,7 @@ void join(QByteArray *list, const QByteArray &item, const char *separator = ", "
 void print(const QByteArray &text);
 bool finishOutput();
 
+/** Writes a line to standard error. */
+void say(const QByteArray &text);
+
 #endif

@@ -209,7 +209,7 @@ static Finding doubtState(const Facts &facts)
         return { source + " begins in the middle" + (begin.isEmpty() ? begin : ", at " + begin)
                      + ", and no state is told in it",
                  "give the log before it, too: cat LOG.1 LOG | zarn5ctl status -" };
-    return { source + " is no log of keepwatch", "zarn5-check prints where keepwatch logs" };
+    return { source + " is no log of keepwatch", "zarn5ctl check prints where keepwatch logs" };
 }
 
 static void judgeState(const Facts &facts, Verdict *verdict)
@@ -224,7 +224,7 @@ static void judgeState(const Facts &facts, Verdict *verdict)
     add(&verdict->faults,
         "keepwatch is " + state + " since " + facts.value("state_since")
             + (awaited.isEmpty() ? "" : ", waits for " + awaited),
-        "if it stays so, see the end of the log, and run zarn5-check");
+        "if it stays so, see the end of the log, and run zarn5ctl check");
 }
 
 // How a keepwatch has ended that does not run, as its log says.
