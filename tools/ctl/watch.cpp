@@ -183,7 +183,7 @@ static void check(int limit)
     const Ping second = first.outcome == Hangs ? pingPatiently(limit) : first;
     const Process process = first.hanging;
     if (second.outcome == CannotTell || (second.runs && !second.hanging.id))
-        say("keepwatch: " + second.finding.text + "; " + second.finding.advice);
+        say(second.finding.text + "; " + second.finding.advice);
     else if (second.outcome == Hangs && second.hanging.id == process.id
              && readProcesses().value(process.id).started == process.started)
         end(second);
