@@ -59,8 +59,7 @@ static void keepEnd(const QString &log)
         return;
     file.seek(file.size() - endBytes);
     const QByteArray end = file.read(endBytes);
-    file.resize(0); // first, because there can be no space for another byte
-    file.seek(0);
+    file.resize(0); // first, because there can be no space for another byte; also goes there
     file.write(end);
 }
 
@@ -69,9 +68,8 @@ void moveOldLogs()
     const QSettings settings(QLatin1String("zarn5"), QLatin1String("keepwatch"));
     const QString log = QFileInfo(readLoggingSettings(settings).logFile).canonicalFilePath();
     QFile file(log);
-    if (!QFileInfo(log).isFile() || !file.open(QIODevice::ReadOnly))
-        return;
-    if (file.read(100000).count('\n') < 2) // a start that failed at once has left one line
+    // A start that failed at once has left one line, which is not worth a place.
+    if (!QFileInfo(log).isFile() || !file.open(QIODevice::ReadOnly) || file.read(100000).count('\n') < 2)
         return;
     QStringList places(log);
     for (int place = 1; place <= lastPlace; ++place)

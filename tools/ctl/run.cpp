@@ -176,8 +176,10 @@ static int serve(const Options &options, Family *family)
             family->isEnding = true;
             killDue = qMin(killDue, now + patience);
             // Repeatedly, because the first one can come before its handler is there.
-            kill(family->program, now < killDue ? SIGINT : SIGKILL);
+            kill(family->program, SIGINT);
             kill(family->program, SIGCONT); // otherwise, a stopped process gets no signal
+            if (now >= killDue)
+                kill(-family->program, SIGKILL); // the modules, too
         } else if (options.watch && !family->watch && now >= watchDue) {
             watchDue = now + interval * 1000;
             if (spawn(&family->watch, SIGKILL))
@@ -187,8 +189,10 @@ static int serve(const Options &options, Family *family)
     }
     if (monotonicMs() >= killDue)
         say("the program did not exit on SIGINT, and was killed");
-    unlink((QByteArray(family->folder) + "/bus").constData());
-    rmdir(family->folder);
+    if (family->folder[0]) {
+        unlink((QByteArray(family->folder) + "/bus").constData());
+        rmdir(family->folder);
+    }
     return WIFEXITED(family->status) ? WEXITSTATUS(family->status) : 128 + WTERMSIG(family->status);
 }
 
@@ -212,10 +216,8 @@ static int guard(const Options &options, Family *family, pid_t keeper)
         if (id == 0) // otherwise, there can be more orphans of the program
             waitForSignal(family, INT_MAX);
     }
-    if (WIFEXITED(status))
-        return WEXITSTATUS(status);
-    family->isEnding = true; // the keeper was killed, and so is the bus
-    return serve(options, family);
+    family->isEnding = true; // if it was killed, because the bus is killed then, too
+    return WIFEXITED(status) ? WEXITSTATUS(status) : serve(options, family);
 }
 
 int runCommand(const Options &options)
