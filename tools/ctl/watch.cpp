@@ -121,7 +121,7 @@ void CallWatcher::end(DBusMessage *message)
 // By a connection of its own, since a monitor must not send.
 void CallWatcher::warn(const QByteArray &text) const
 {
-    const QString form = QLatin1String("(yyyy-MM-dd hh:mm:ss.zzz) 'zarn5-calls    : '");
+    const QString form = QLatin1String("(yyyy-MM-dd hh:mm:ss.zzz) 'zarn5ctl       : '");
     const qint64 end = monotonicMs() + busMs;
     Bus bus;
     if (qstrcmp(bus.open(busAddress(), end), "answers") == 0)
@@ -159,12 +159,17 @@ void CallWatcher::work(qint64 intervalMs)
         warn(calls.takeFirst().text + " was not answered");
 }
 
-// Asks for at least as long as modules can block a keepwatch that is not stopped.
+// Asks again for as long as modules can block a keepwatch that is not stopped.
 static Ping pingPatiently(int limit)
 {
-    const Ping found = ping(limit, false);
-    const bool canWait = found.outcome == Hangs && !found.isBus && found.runs && !found.hanging.isStopped();
-    return canWait && limit < longestWait() ? ping(longestWait(), false) : found;
+    const qint64 end = monotonicMs() + longestWait() * qint64(1000);
+    for (;;) {
+        const Ping found = ping(limit, false);
+        const bool canWait
+            = found.outcome == Hangs && !found.isBus && found.runs && !found.hanging.isStopped();
+        if (!canWait || monotonicMs() >= end)
+            return found;
+    }
 }
 
 static void end(const Ping &found)
