@@ -3,7 +3,7 @@
 create table lines (day date, device text, time text, level text, delay_ms bigint, name text, text text, key uuid,
                     primary key (device, key));
 create index on lines (device, time);
-create index on lines (delay_ms desc);
+create index on lines (device, delay_ms desc); -- for the view
 create index on lines (day);
 
 -- Per device: the number of unexpected exits, and the longest delay with its name and time.
