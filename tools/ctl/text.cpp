@@ -79,6 +79,40 @@ QByteArray format(const char *form, ...)
     return text;
 }
 
+static bool isSet(const QByteArray &value)
+{
+    return !value.isEmpty() && value != "0";
+}
+
+bool holds(const char *condition, const Facts &facts)
+{
+    for (const QByteArray &word : QByteArray(condition).split(' ')) {
+        const bool negated = word.startsWith('!');
+        const QList<QByteArray> parts = word.mid(negated ? 1 : 0).split('=');
+        const QByteArray value = facts.value(parts[0]);
+        if (negated == (parts.size() == 1 ? isSet(value) : value == parts[1]))
+            return false;
+    }
+    return true;
+}
+
+QByteArray fill(const QByteArray &form, const Facts &facts)
+{
+    QList<QByteArray> parts = form.split('{');
+    QByteArray text = parts.takeFirst();
+    for (const QByteArray &part : parts) {
+        const int end = int(part.indexOf('}'));
+        const QList<QByteArray> slot = part.left(end).split('?');
+        const QByteArray value = facts.value(slot[0]);
+        if (slot.size() == 1)
+            text += value;
+        else if (isSet(value))
+            text += QByteArray(slot[1]).replace("%", value);
+        text += part.mid(end + 1);
+    }
+    return text;
+}
+
 QByteArray formatAge(qint64 seconds)
 {
     if (seconds < 0)

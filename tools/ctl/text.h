@@ -16,6 +16,11 @@ inline qint64 number(const Facts &facts, const char *name)
     return facts.value(name).toLongLong();
 }
 
+inline void set(Facts *facts, const QByteArray &name, qint64 number)
+{
+    (*facts)[name] = QByteArray::number(number);
+}
+
 /** What is known about a keepwatch. */
 struct Report
 {
@@ -57,6 +62,18 @@ QByteArray escape(const QByteArray &text, Target target = Terminal);
 
 /** Returns a text of at most 1000 characters in the format of printf. */
 QByteArray format(const char *form, ...) __attribute__((format(printf, 1, 2)));
+
+/**
+ * Returns whether each word of `condition` is true: "name" if the fact is known and not 0, "name=value" if it
+ * is that, and both with "!" in front if not.
+ */
+bool holds(const char *condition, const Facts &facts);
+
+/**
+ * Returns `form` with facts in it: for "{name}" the value, and for "{name?text}" the text, with the value for
+ * "%", if the fact is known and not 0.
+ */
+QByteArray fill(const QByteArray &form, const Facts &facts);
 
 /** Returns a time span as "5 s", "3 min", "7 h", or "12 days". */
 QByteArray formatAge(qint64 seconds);
