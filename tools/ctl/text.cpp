@@ -79,18 +79,14 @@ QByteArray format(const char *form, ...)
     return text;
 }
 
-static bool isSet(const QByteArray &value)
-{
-    return !value.isEmpty() && value != "0";
-}
-
 bool holds(const char *condition, const Facts &facts)
 {
     for (const QByteArray &word : QByteArray(condition).split(' ')) {
         const bool negated = word.startsWith('!');
         const QList<QByteArray> parts = word.mid(negated ? 1 : 0).split('=');
         const QByteArray value = facts.value(parts[0]);
-        if (negated == (parts.size() == 1 ? isSet(value) : value == parts[1]))
+        const bool isSet = !value.isEmpty() && value != "0";
+        if (negated == (parts.size() == 1 ? isSet : value == parts[1]))
             return false;
     }
     return true;
@@ -106,7 +102,7 @@ QByteArray fill(const QByteArray &form, const Facts &facts)
         const QByteArray value = facts.value(slot[0]);
         if (slot.size() == 1)
             text += value;
-        else if (isSet(value))
+        else if (!value.isEmpty())
             text += QByteArray(slot[1]).replace("%", value);
         text += part.mid(end + 1);
     }

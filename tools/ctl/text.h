@@ -11,7 +11,7 @@
 /** What is known, by name. What is not known is absent, and never reads as 0 by accident. */
 typedef QMap<QByteArray, QByteArray> Facts;
 
-inline qint64 number(const Facts &facts, const char *name)
+inline qint64 number(const Facts &facts, const QByteArray &name)
 {
     return facts.value(name).toLongLong();
 }
@@ -71,7 +71,7 @@ bool holds(const char *condition, const Facts &facts);
 
 /**
  * Returns `form` with facts in it: for "{name}" the value, and for "{name?text}" the text, with the value for
- * "%", if the fact is known and not 0.
+ * "%", if there is a value.
  */
 QByteArray fill(const QByteArray &form, const Facts &facts);
 

@@ -71,9 +71,9 @@ static const Rule moduleRules[] = {
     { "module", Fault, "skipped", "{name} is skipped: {skipped_path} did not exist when keepwatch started",
       "install it, or correct its path in the settings, and restart keepwatch" },
     { "module", Fault, "stopped", "{name} is frozen: process {process} is stopped{consequence}",
-      "kill -CONT {process}, or kill -KILL {process}{launched?, and keepwatch restarts it}" },
+      "kill -CONT {process}, or kill -KILL {process}{restart}" },
     { "module", Fault, "answers=0", "{name} hangs: it does not answer on the bus{consequence}",
-      "ask again in 10 s; if it still hangs, kill -KILL {killed}{launched?, and keepwatch restarts it}" },
+      "ask again in 10 s; if it still hangs, kill -KILL {killed}{restart}" },
     { "module", Fault, "loops", "{name} keeps exiting, {streak} times since {streak_begin}, last {last_exit}",
       "its last output is above each \"ended unexpectedly\" in the log{last_words?: \"%\"}" },
     { "module", Fault, "launched exists=0", "{name} is missing: there is no {path}",
@@ -144,6 +144,7 @@ static void prepareModule(bool settled, Facts *facts, Facts *module)
         = number(*module, "streak") >= loopExits && number(*module, "exits_last_age") < crashPeriod;
     (*module)["name"] = nameOf(*module);
     (*module)["killed"] = module->value("process", module->value("owner"));
+    (*module)["restart"] = number(*module, "launched") ? ", and keepwatch restarts it" : "";
     set(module, "settled", settled);
     set(module, "absent", facts->contains("connections") && !module->contains("owner"));
     set(module, "loops", loops);
