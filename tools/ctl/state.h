@@ -54,7 +54,6 @@ private:
     void enter(State entered, const Piece &stamp);
     void await(const QByteArray &name);
     void exited(const Statement &statement, const Piece &stamp);
-    Facts *module(const QByteArray &name);
     void describeLines(Facts *facts) const;
     void describeAwaited(Report *report) const;
 

@@ -8,9 +8,16 @@ Piece Piece::trimmed() const
     Piece text = *this;
     while (text.size > 0 && *text.begin == ' ')
         text = text.from(1);
-    while (text.size > 0 && text.end()[-1] == ' ')
-        --text.size;
+    while (text.cutEnd(" ", 1)) { }
     return text;
+}
+
+bool Piece::cutEnd(const char *text, size_t length)
+{
+    if (size < length || memcmp(end() - length, text, length) != 0)
+        return false;
+    size -= length;
+    return true;
 }
 
 // Returns the length of the UTF-8 character in front, and its code; 0 if there is none.

@@ -46,11 +46,17 @@ struct Piece
     {
         return Piece { begin + at, size - at };
     } ///< `at` is at most `size`
+    size_t find(char c) const
+    {
+        const void *const at = memchr(begin, c, size);
+        return at ? size_t(static_cast<const char *>(at) - begin) : size;
+    } ///< `size` if there is none
     Piece trimmed() const; ///< without blanks on both sides
     bool startsWith(const char *text) const
     {
         return size >= strlen(text) && memcmp(begin, text, strlen(text)) == 0;
     }
+    bool cutEnd(const char *text, size_t length); ///< cuts `text` off; false if it is not the end
 };
 
 /** Where a text goes, and so which characters are escaped in it. Xml: also in an attribute. */
