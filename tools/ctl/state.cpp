@@ -111,8 +111,7 @@ static QByteArray logName(const QByteArray &path)
     return (dot == 0 || file.isEmpty() ? path : file.left(dot < 0 ? file.size() : dot)).left(textLimit);
 }
 
-// Whether a service and a module have like names, as com.qel.zarn5.gui and zarn5_gui.
-static bool isAlike(const QByteArray &service, const QByteArray &module)
+bool isAlike(const QByteArray &service, const QByteArray &module)
 {
     const int dot = int(service.lastIndexOf('.'));
     return dot >= 0 && ("_" + module).endsWith("_" + service.mid(dot + 1));

@@ -8,7 +8,8 @@ Piece Piece::trimmed() const
     Piece text = *this;
     while (text.size > 0 && *text.begin == ' ')
         text = text.from(1);
-    while (text.cutEnd(" ", 1)) { }
+    while (text.size > 0 && text.end()[-1] == ' ')
+        --text.size;
     return text;
 }
 
