@@ -1,5 +1,7 @@
 #include "text.h"
 
+#include <QString>
+
 #include <cstdarg>
 #include <cstdio>
 
@@ -24,19 +26,15 @@ bool Piece::cutEnd(const char *text, size_t length)
 // Returns the length of the UTF-8 character in front, and its code; 0 if there is none.
 static size_t readCharacter(const Piece &text, unsigned *code)
 {
-    static const unsigned smallest[] = { 0, 0, 0x80, 0x800, 0x10000 };
-    const unsigned char first = text.begin[0];
-    const size_t length = first < 0x80 ? 1 : first < 0xe0 ? 2 : first < 0xf0 ? 3 : 4;
-    *code = length == 1 ? first : first & (0x7f >> length);
-    if (length > text.size || (first >= 0x80 && first < 0xc2))
-        return 0;
-    for (size_t i = 1; i < length; ++i) {
-        if ((text.begin[i] & 0xc0) != 0x80)
-            return 0;
-        *code = *code << 6 | (text.begin[i] & 0x3f);
-    }
-    const bool surrogate = *code >= 0xd800 && *code < 0xe000;
-    return *code < smallest[length] || *code > 0x10ffff || surrogate ? 0 : length;
+    const unsigned char first = *text.begin;
+    *code = first;
+    if (first < 0x80)
+        return 1;
+    const size_t length = first < 0xe0 ? 2 : first < 0xf0 ? 3 : 4;
+    const QByteArray character(text.begin, int(qMin(length, text.size)));
+    const QString read = QString::fromUtf8(character);
+    *code = read.toUcs4().value(0);
+    return read.toUtf8() == character ? length : 0;
 }
 
 // Returns what stands for a character that cannot be itself. A terminal takes the codes up to U+009F for
