@@ -26,11 +26,6 @@
 
 static const int graceMs = 300; // for an inquiry that keeps its time limit to hand over what it knows
 
-static QByteArray encode(const QString &path)
-{
-    return QFile::encodeName(path);
-}
-
 namespace {
 
 // One inquiry, in the process that takes the daemon's place.
@@ -105,7 +100,7 @@ void Asker::run()
 
 QByteArray Asker::placed(const QString &path) const
 {
-    return QFileInfo(path).isAbsolute() ? prefix + encode(path) : encode(path);
+    return QFileInfo(path).isAbsolute() ? prefix + QFile::encodeName(path) : QFile::encodeName(path);
 }
 
 void Asker::readSettings()
@@ -117,14 +112,14 @@ void Asker::readSettings()
     QCoreApplication::setApplicationName(QLatin1String("keepwatch"));
     const QSettings settings;
     if (QFile::exists(settings.fileName()))
-        facts["settings"] = encode(settings.fileName());
+        facts["settings"] = QFile::encodeName(settings.fileName());
     for (const QString &name : moduleNames()) {
         const ModuleSettings read = readModuleSettings(settings, name);
         const QFileInfo file(read.path);
         Facts module;
         module["name"] = name.toUtf8();
-        module["path"] = encode(file.absoluteFilePath());
-        module["log_name"] = encode(file.baseName());
+        module["path"] = QFile::encodeName(file.absoluteFilePath());
+        module["log_name"] = QFile::encodeName(file.baseName());
         module["service"] = read.service.toUtf8();
         set(&module, "launched", read.start);
         set(&module, "required", read.wait);
@@ -149,7 +144,7 @@ void Asker::findLog(const LoggingSettings &settings)
     const bool hasFile = !path.isEmpty();
     facts["log"] = settings.useSyslog ? "syslog" : "standard output";
     if (hasFile)
-        facts["log"] = encode(QFileInfo(settings.logFile).absoluteFilePath());
+        facts["log"] = QFile::encodeName(QFileInfo(settings.logFile).absoluteFilePath());
     Finding trouble;
     if (hasFile && !daemon.id)
         log = openLog(path, &trouble);
@@ -352,11 +347,11 @@ static void findProcess(const Processes &processes, const Process &daemon, Facts
 static bool isForeign(const Processes &processes, const Facts &module)
 {
     const int expected = int(number(module, "process")), owner = int(number(module, "owner"));
-    bool isOurs = false;
-    for (const Process &process : processes)
-        isOurs = isOurs
-            || (descendsFrom(processes, process.id, expected) && namespaceIds(process.id).contains(owner));
-    return !isOurs;
+    for (const Process &process : processes) {
+        if (descendsFrom(processes, process.id, expected) && namespaceIds(process.id).contains(owner))
+            return false;
+    }
+    return true;
 }
 
 static void findProcesses(const Processes &processes, const Process &daemon, Report *report)
@@ -376,10 +371,8 @@ static void findProcesses(const Processes &processes, const Process &daemon, Rep
 // The name of the first socket in an address, as the kernel has it.
 static QByteArray socketPath(const QByteArray &address)
 {
-    const int path = int(address.indexOf("path=")), abstract = int(address.indexOf("abstract="));
-    const int begin = int(address.indexOf('=', path < 0 ? abstract : path)) + 1;
-    const QByteArray name = address.mid(begin).split(';')[0].split(',')[0];
-    return path < 0 && abstract >= 0 ? "@" + name : name;
+    const QByteArray name = address.mid(address.indexOf('=') + 1).split(';')[0].split(',')[0];
+    return address.startsWith("unix:abstract=") ? "@" + name : name;
 }
 
 // What is known to everyone.
@@ -390,8 +383,6 @@ static void describeDaemon(const Processes &processes, const Process &daemon, Fa
     set(facts, "stopped", daemon.isStopped());
     set(facts, "age", time(0) - startTime(daemon) / 1000);
     (*facts)["folder"] = readLink(daemon.id, "cwd");
-    if (facts->value("bus") == "answers" && number(*facts, "connections") >= 2)
-        return; // to look through the descriptors of others takes some time
     const int busDaemon = findListener(processes, daemon.id, socketPath(facts->value("bus_address")));
     if (!busDaemon)
         return;

@@ -5,7 +5,6 @@
 
 #include <QPair>
 
-#include <cstdio>
 #include <unistd.h>
 
 static const int cellLimit = 1000, spanLimit = 80, rowSpanLimit = 20,
@@ -283,7 +282,7 @@ void Plot::draw()
 int plotCommand(const Options &options)
 {
     if (isatty(STDOUT_FILENO)) {
-        fputs("zarn5ctl: the picture goes to a file: zarn5ctl plot LOG >FILE.svg\n", stderr);
+        complain("the picture goes to a file: zarn5ctl plot LOG >FILE.svg");
         return 2;
     }
     const int file = openLog(options.log);
@@ -297,8 +296,7 @@ int plotCommand(const Options &options)
             plot.add(parsed);
     }
     if (plot.isEmpty || reader.error) {
-        fprintf(stderr, "zarn5ctl: %s\n",
-                reader.error ? strerror(reader.error) : "no line of this log has a timestamp");
+        complain(reader.error ? strerror(reader.error) : "no line of this log has a timestamp");
         return 1;
     }
     plot.draw();

@@ -1,7 +1,6 @@
 #include "processes.h"
 
 #include <algorithm>
-#include <cstdio>
 #include <cstring>
 #include <ctime>
 #include <dirent.h>

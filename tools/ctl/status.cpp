@@ -39,8 +39,7 @@ int openLog(const QByteArray &path)
     Finding trouble;
     const int file = openLog(path, &trouble);
     if (file < 0)
-        fprintf(stderr, "zarn5ctl: %s %s; %s\n", escape(path).constData(), trouble.text.constData(),
-                trouble.advice.constData());
+        complain(path + " " + trouble.text + "; " + trouble.advice);
     return file;
 }
 
@@ -196,9 +195,7 @@ static bool writeWhole(const QByteArray &path, const QByteArray &text)
     const bool written = file >= 0 && write(file, text.constData(), size_t(text.size())) == text.size();
     if (file >= 0 && close(file) == 0 && written && rename(made.constData(), path.constData()) == 0)
         return true;
-    fprintf(stderr,
-            "zarn5ctl: %s stays as it is: there is no room, or this user may not write into its folder\n",
-            escape(path).constData());
+    complain(path + " stays as it is: there is no room, or this user may not write into its folder");
     unlink(made.constData());
     return false;
 }
@@ -250,7 +247,7 @@ static int writeMetrics(const Report &report, const QByteArray &file)
     const Verdict verdict = judge(report);
     const bool isKnown = report.facts.contains("state");
     if (!isKnown)
-        fprintf(stderr, "zarn5ctl: %s\n", escape(headline(report, verdict)).constData());
+        complain(headline(report, verdict));
     if (!file.isEmpty())
         return writeWhole(file, metricsOf(report)) && isKnown ? 0 : 1;
     print(metricsOf(report));

@@ -132,6 +132,11 @@ void join(QByteArray *list, const QByteArray &item, const char *separator)
     *list += (list->isEmpty() ? "" : separator) + item;
 }
 
+void complain(const QByteArray &text)
+{
+    fprintf(stderr, "zarn5ctl: %s\n", escape(text).constData());
+}
+
 void print(const QByteArray &text)
 {
     fwrite(text.constData(), 1, size_t(text.size()), stdout);
@@ -141,6 +146,6 @@ bool finishOutput()
 {
     if (fflush(stdout) == 0 && !ferror(stdout))
         return true;
-    fputs("zarn5ctl: the output cannot be written; make room on its disk\n", stderr);
+    complain("the output cannot be written; make room on its disk");
     return false;
 }

@@ -87,6 +87,9 @@ QByteArray formatAge(qint64 seconds);
 /** Appends `item` to a list of words. */
 void join(QByteArray *list, const QByteArray &item, const char *separator = ", ");
 
+/** Writes what is wrong and what to do to standard error, escaped. */
+void complain(const QByteArray &text);
+
 /** Writes `text` to standard output; finishOutput tells whether all has arrived, otherwise why not. */
 void print(const QByteArray &text);
 bool finishOutput();
