@@ -32,7 +32,7 @@ struct Family
 
 static bool fail(const QByteArray &what)
 {
-    say(what + ": " + strerror(errno));
+    say(what + ": " + QByteArray(strerror(errno)));
     return false;
 }
 
