@@ -6,8 +6,8 @@
 #include "processes.h"
 #include "settings.h"
 
+#include <QSet>
 #include <QSettings>
-#include <QStringList>
 
 #include <deque>
 
@@ -32,7 +32,7 @@ struct Check
     QList<WrittenFile> written; ///< by the keepwatch that runs
     bool isRunning = false;
     std::deque<QSettings> files; ///< where keepwatch looks for a key, in this order
-    QStringList known; ///< keys that keepwatch reads
+    QSet<QString> known; ///< keys that keepwatch reads
     QList<QByteArray> lines; ///< the settings as keepwatch reads them, and notes
     QList<QByteArray> faults;
 
@@ -49,16 +49,10 @@ void checkModules(const QSettings &settings, Check *check);
 /** Returns why a program cannot be executed; empty if it can. */
 QByteArray judgeProgram(const QString &path);
 
-/** Returns what a shell, or other settings, would read in a path that leads nowhere, or `otherwise`. */
-QByteArray findMisreading(const QString &path, const QByteArray &otherwise);
-
 /** Returns the processes that a start finds by a part of their name. */
 QList<Process> findNamed(const QByteArray &pattern, const Processes &processes);
 
 /** Returns "process ID (NAME)". */
 QByteArray describe(const Process &process);
-
-/** Returns `text` in double quotes. */
-QByteArray quote(const QString &text);
 
 #endif

@@ -19,10 +19,10 @@ static QByteArray judgeFile(const QFileInfo &file, int error, mode_t mode)
     if (!error && (S_ISDIR(mode) || S_ISSOCK(mode)))
         return "is a folder or a socket, and lines are lost; name a file";
     if (error == ENOENT && access(folder.constData(), W_OK | X_OK) != 0)
-        return "cannot be made in \"" + folder + "\" (" + strerror(errno)
+        return "cannot be made in \"" + folder + "\" (" + QByteArray(strerror(errno))
             + "), and lines are lost; correct that";
     if (error != ENOENT && access(path.constData(), W_OK) != 0)
-        return QByteArray("cannot be opened (") + strerror(errno)
+        return QByteArray("cannot be opened (") + QByteArray(strerror(errno))
             + "), and lines are lost; correct its rights";
     struct statvfs room;
     if ((!error && !S_ISREG(mode)) || statvfs(folder.constData(), &room) != 0 || room.f_blocks == 0)
@@ -34,33 +34,27 @@ static QByteArray judgeFile(const QFileInfo &file, int error, mode_t mode)
         + " new files left on its file system, and lines will be lost; make room";
 }
 
-// Whether the keepwatch that runs writes a file. It does not if that was moved, deleted, or named later.
-static bool isWritten(const struct stat &status, const Check &check)
-{
-    bool isWritten = !check.isRunning || (status.st_mode && !S_ISREG(status.st_mode)); // or a device
-    for (const WrittenFile &file : check.written)
-        isWritten = isWritten || (file.inode == status.st_ino && file.device == status.st_dev);
-    return isWritten;
-}
-
 // Returns the one path of a file that exists or will be made; empty if none is, or several may share it.
 static QString checkFile(const QByteArray &place, const QString &path, Check *check)
 {
+    if (path.isEmpty())
+        return path;
     QFileInfo file(path);
     if (!file.exists() && file.isSymLink()) // to a file that is yet to be made
         file.setFile(file.symLinkTarget());
     struct stat status = {};
     const int error = stat(QFile::encodeName(file.filePath()).constData(), &status) ? errno : 0;
-    const QByteArray text = path.isEmpty() ? QByteArray() : judgeFile(file, error, status.st_mode);
-    check->fault(place, error == ENOENT && !path.isEmpty() ? findMisreading(path, text) : text);
+    const bool isDevice = !error && !S_ISREG(status.st_mode);
+    check->fault(place, judgeFile(file, error, status.st_mode));
     if (S_ISFIFO(status.st_mode))
         check->note(place, "is a FIFO, and the start waits until somebody reads it");
-    if (!path.isEmpty() && !isWritten(status, *check))
+    bool isWritten = !check->isRunning || isDevice;
+    for (const WrittenFile &written : check->written)
+        isWritten = isWritten || (written.inode == status.st_ino && written.device == status.st_dev);
+    if (!isWritten) // it was moved, deleted, or named after the start
         check->note(place, "the keepwatch that runs does not write it; restart that");
-    if (path.isEmpty() || (!error && !S_ISREG(status.st_mode)))
-        return QString();
-    return error ? QFileInfo(file.path()).canonicalFilePath() + QLatin1Char('/') + file.fileName()
-                 : file.canonicalFilePath();
+    const QString made = QFileInfo(file.path()).canonicalFilePath() + QLatin1Char('/') + file.fileName();
+    return isDevice ? QString() : error ? made : file.canonicalFilePath();
 }
 
 void checkLogs(const LoggingSettings &logging, Check *check)

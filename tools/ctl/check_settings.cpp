@@ -33,7 +33,7 @@ QByteArray Check::placeOf(const QByteArray &key) const
     return key + " (default)";
 }
 
-QByteArray quote(const QString &text)
+static QByteArray quote(const QString &text)
 {
     return '"' + text.toUtf8() + '"';
 }
@@ -64,23 +64,6 @@ static QStringList settingsFiles()
     return found + rest;
 }
 
-// Returns a line without the comment at its end. `*equals`: where its first = outside of quotes is, or -1;
-// `*goesOn`: whether the library reads the next line as a part of it.
-static QByteArray cutComment(const QByteArray &line, int *equals, bool *goesOn)
-{
-    bool quoted = false;
-    int i = 0;
-    *equals = -1;
-    for (; i < line.size() && (quoted || line.at(i) != ';'); ++i) {
-        quoted = quoted != (line.at(i) == '"');
-        if (line.at(i) == '=' && !quoted && *equals < 0)
-            *equals = i;
-        i += line.at(i) == '\\';
-    }
-    *goesOn = quoted || i > line.size();
-    return line.left(i);
-}
-
 // Finds what Qt does not tell: lines that it passes over, and keys that it takes from another line.
 static void checkLines(const QByteArray &file, QByteArray data, Check *check)
 {
@@ -88,23 +71,20 @@ static void checkLines(const QByteArray &file, QByteArray data, Check *check)
     QByteArray section;
     bool goesOn = false;
     int number = 0;
-    if (data.startsWith("\xef\xbb\xbf")) // a mark of some editors
-        data.remove(0, 3);
     for (const QByteArray &whole : data.replace("\r\n", "\n").replace('\r', '\n').split('\n')) {
-        const QByteArray place = file + ":" + QByteArray::number(++number);
-        const bool isRest = goesOn;
-        int equals;
-        const QByteArray line = cutComment(whole, &equals, &goesOn), text = line.trimmed();
-        if (text.isEmpty() || isRest)
+        const QByteArray place = file + ":" + QByteArray::number(++number), line = whole.trimmed();
+        const bool heads = line.startsWith('['), isRest = goesOn, isComment = line.startsWith(';');
+        const int size = int(line.indexOf(heads ? ']' : '=')) + heads;
+        const QByteArray name = line.left(size).trimmed();
+        goesOn = !isComment && ((line.count('"') - line.count("\\\"")) % 2 != 0 || line.endsWith('\\'));
+        if (line.isEmpty() || isComment || isRest)
             continue;
-        const bool heads = text.startsWith('[');
-        const QByteArray name = heads ? text.left(text.indexOf(']') + 1) : line.left(equals).trimmed();
-        if (heads ? name.isEmpty() : equals < 0) {
+        if (goesOn)
+            check->fault(place, "goes on over the line end; close its quotes, and end it with no \\");
+        if (size < heads) {
             check->fault(place, "reads as neither [section] nor key=value; correct it or put ; in front");
             continue;
         }
-        if (goesOn)
-            check->fault(place, "goes on over the line end; close its quotes, and end it with no \\");
         section = heads ? name : section;
         int &before = seen[heads ? section : section + '=' + name];
         const QByteArray again = " stands in line " + QByteArray::number(before) + " too, ";
@@ -124,22 +104,20 @@ static bool checkFile(const QString &path, Check *check)
     if (stat(name.constData(), &status) != 0 && (errno == ENOENT || errno == ENOTDIR)
         && !QFileInfo(path).isSymLink())
         return true;
-    const bool isFile = S_ISREG(status.st_mode) && status.st_size <= settingsBytes;
-    const bool isSpecial = status.st_mode && !S_ISDIR(status.st_mode) && !isFile;
     QFile file(path);
+    const bool isRegular = S_ISREG(status.st_mode) && status.st_size <= settingsBytes;
+    const bool isRead = isRegular && file.open(QIODevice::ReadOnly);
+    const QByteArray data = isRead ? file.readAll() : QByteArray();
+    const bool isWide
+        = data.startsWith("\xff\xfe") || data.startsWith("\xfe\xff") || data.left(2).count('\0') == 1;
     check->lines.append("settings: " + name);
-    if (!isSpecial && !file.open(QIODevice::ReadOnly)) {
-        check->fault(name, "is ignored: " + file.errorString().toUtf8() + "; correct that");
-        return true;
-    }
-    const QByteArray data = isSpecial ? QByteArray() : file.readAll(), mark = data.left(2);
-    const bool isWide = mark == "\xff\xfe" || mark == "\xfe\xff" || mark.contains('\0');
-    if (isSpecial || isWide) {
-        const QByteArray what = isWide ? "is UTF-16" : "is no regular file or over 1 MB";
-        check->fault(name, what + ", and no key or module was looked at; replace it");
+    if (!isRead || isWide) {
+        check->fault(name,
+                     QByteArray(isWide ? "is UTF-16" : "is no readable file of at most 1 MB")
+                         + ", and no key or module was looked at; replace it");
         return false;
     }
-    checkLines(name, data, check);
+    checkLines(name, data.startsWith("\xef\xbb\xbf") ? data.mid(3) : data, check); // a mark of editors
     check->files.emplace_back(path, QSettings::NativeFormat);
     return true;
 }
@@ -166,7 +144,7 @@ static void show(const QByteArray &key, const QByteArray &value, bool isFlag, Ch
 {
     const QString name = QString::fromLatin1(key);
     const QByteArray place = check->placeOf(key);
-    check->known.append(name);
+    check->known.insert(name);
     check->lines.append(QByteArray(place).insert(key.size(), " = " + value));
     check->fault(place, judgeValue(QSettings().value(name, isFlag ? QVariant(1) : QVariant()), isFlag));
 }
@@ -202,14 +180,14 @@ static void showModule(const QByteArray &name, const ModuleSettings &module, Che
 static void findUnknown(const QSettings &file, Check *check)
 {
     const QStringList sections = QStringList(moduleNames()) << QLatin1String("logging");
-    QStringList seen = check->known;
+    QSet<QString> seen = check->known;
     for (const QString &key : file.allKeys()) {
         const QString section = key.section(QLatin1Char('/'), 0, 0);
         const bool isKey = section == key || sections.contains(section);
         const QString unknown = isKey ? key : section;
         if (seen.contains(unknown))
             continue;
-        seen.append(unknown);
+        seen.insert(unknown);
         check->fault(file.fileName().toUtf8(),
                      (isKey ? "key " : "section ") + quote(unknown) + (section == key ? " in no section" : "")
                          + " is unknown and ignored; mind its case and section, or take it out");

@@ -16,6 +16,8 @@
 
 static const rlim_t openFiles = 32; // for the bus, the logs, and pipes to two modules and a command
 
+static const char busPlace[] = "DBUS_SESSION_BUS_ADDRESS";
+
 QByteArray describe(const Process &process)
 {
     return "process " + QByteArray::number(process.id) + " (" + process.name + ")";
@@ -65,61 +67,43 @@ QList<Process> findNamed(const QByteArray &pattern, const Processes &processes)
 {
     // The pgrep of busybox looks at the path that a process was started by.
     const QString pgrep = QFileInfo(findCommand("pgrep")).canonicalFilePath();
+    const bool byPath = pgrep.endsWith(QLatin1String("/busybox"));
     QList<Process> found;
     for (const Process &process : processes) {
-        QByteArray name = process.name;
-        if (pgrep.endsWith(QLatin1String("/busybox")))
-            name += '\n' + readFile(process.id, "cmdline").split('\0').first();
-        if (name.contains(pattern))
+        if (process.name.contains(pattern)
+            || (byPath && readFile(process.id, "cmdline").split('\0').first().contains(pattern)))
             found.append(process);
     }
     return found;
 }
 
-static void checkCommands(Check *check)
+// Checks what a start needs of the system.
+static void checkSystem(qint64 busDeadline, Check *check)
 {
+    struct rlimit limit;
+    if (getrlimit(RLIMIT_NOFILE, &limit) == 0 && limit.rlim_cur < openFiles)
+        check->fault("ulimit -n", "is below 32, and modules are not started; allow 1024");
     if (check->processes.isEmpty())
         check->fault("/proc", "shows no process, and old processes stay; mount it");
     for (const char *name : { "pgrep", "kill" }) {
         const QString file = findCommand(name);
-        check->fault(name,
-                     file.isEmpty() ? "is not in PATH, and old processes stay; install it or correct PATH"
-                                    : judgeProgram(file));
+        check->fault(
+            name, file.isEmpty() ? "is not in PATH, and old processes stay; install it" : judgeProgram(file));
     }
-}
-
-// Faults what keepwatch takes for another keepwatch.
-static void checkRivals(Check *check)
-{
     for (const Process &process : findNamed("keepwatch", check->processes)) {
         const Process parent = check->processes.value(process.parent);
-        QByteArray advice = "end that, or give it another name";
-        if (!process.runs())
-            advice = "it has exited, and stays until "
-                + (parent.id > 1 ? "you end " + describe(parent) : "a reboot");
-        check->fault("keepwatch", "does not start beside " + describe(process) + "; " + advice);
+        const QByteArray end = parent.id > 1 ? "end its parent, " + describe(parent) : "reboot";
+        check->fault(
+            "keepwatch",
+            "does not start beside " + describe(process)
+                + (process.runs() ? "; end that, or rename it" : ", which has exited but stays; " + end));
     }
-}
-
-static void checkBus(qint64 deadline, Check *check)
-{
-    const QByteArray address = busAddress(), state = Bus().open(address, deadline);
-    const char *const effect = state == "silent" ? ", and the start waits" : ", and keepwatch aborts";
-    if (state != "answers")
-        check->fault("DBUS_SESSION_BUS_ADDRESS",
-                     "the bus \"" + address + "\" is " + state + effect + "; start another");
-}
-
-static void findFaults(qint64 busDeadline, Check *check)
-{
-    struct rlimit limit;
-    if (getrlimit(RLIMIT_NOFILE, &limit) == 0 && limit.rlim_cur < openFiles)
-        return check->fault("ulimit -n", "is too low, and nothing was looked at; allow 1024 open files");
-    actAsKeepwatch();
-    checkSettings(check);
-    checkCommands(check);
-    checkRivals(check);
-    checkBus(busDeadline, check);
+    const QByteArray address = busAddress(), state = Bus().open(address, busDeadline);
+    if (state == "silent")
+        check->fault(busPlace, address + " is silent, and the start waits; start another bus");
+    else if (state != "answers")
+        check->fault(busPlace,
+                     "\"" + address + "\" is " + state + ", and keepwatch aborts; start a session bus");
 }
 
 static int checkHere(CheckOutput output, qint64 busDeadline)
@@ -128,7 +112,9 @@ static int checkHere(CheckOutput output, qint64 busDeadline)
     check.processes = readProcesses();
     if (output == Everything && !takeRunning(&check))
         return 2;
-    findFaults(busDeadline, &check);
+    actAsKeepwatch();
+    checkSettings(&check);
+    checkSystem(busDeadline, &check);
     if (check.faults.isEmpty())
         check.lines.append("no fault found");
     for (const QByteArray &line : output == Everything ? check.lines + check.faults : check.faults)
@@ -155,7 +141,8 @@ int checkStart(CheckOutput output, int seconds)
         return WEXITSTATUS(status);
     if (ended == 0)
         kill(checker, SIGKILL);
-    fputs("zarn5ctl: the check did not come to an end; see whether a disk hangs\n", stderr);
+    fputs("zarn5ctl: the check did not come to an end; see whether a disk hangs, or processes are too many\n",
+          stderr);
     return 2;
 }
 

@@ -247,7 +247,8 @@ void Asker::askLives(Bus *bus)
     bus->wait(answerEnd());
     QByteArray silent;
     for (int i = 0; i < pings.size(); ++i) {
-        if (!bus->isAnswered(pings[i]))
+        // The bus daemon replies for a connection that has ended.
+        if (!bus->isAnswered(pings[i]) || bus->isError(pings[i]))
             join(&silent, facts["connection_" + text(i)], " ");
     }
     facts["silent"] = silent;
