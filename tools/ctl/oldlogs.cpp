@@ -59,7 +59,7 @@ static void keepEnd(const QString &log)
         return;
     file.seek(file.size() - endBytes);
     const QByteArray end = file.read(endBytes);
-    file.resize(0); // first, because there can be no space for another byte; also goes there
+    file.resize(0); // first, because there can be no space for another byte; also sets the position to 0
     file.write(end);
 }
 
