@@ -34,7 +34,7 @@ function(install_page page directory)
       -e "s,\\]\\((doc/)?modules\\.md,](../keepwatch-dev/modules.md,g"
       -e "s,\\]\\(doc/examples,](../keepwatch-dev/examples,g" -e "s,\\]\\(demo/,](../keepwatch-dev/examples/,g"
       -e "s,\\]\\((\\.\\./)?(device|demo)/,](examples/,g" -e "s,\\]\\((\\.\\./)?fleet/,](examples/fleet/,g"
-      -e "s,\\]\\(doc/,](,g"
+      -e "s,\\]\\(doc/,](,g" -e "s,\\]\\(\\.\\./doc/,](../../,g"
       ${CMAKE_CURRENT_SOURCE_DIR}/${page} > ${name}/${file}
     DEPENDS ${page} VERBATIM)
   add_custom_target(${name}.linked ALL DEPENDS ${name}/${file})
@@ -42,11 +42,12 @@ function(install_page page directory)
 endfunction()
 
 set(examples ${CMAKE_INSTALL_DOCDIR}/examples)
-foreach(page README.md doc/operating.md doc/measurements.md doc/porting.md)
+foreach(page README.md doc/operating.md doc/measurements.md doc/porting.md doc/fleet.md)
   install_page(${page} ${CMAKE_INSTALL_DOCDIR})
 endforeach()
 install(FILES doc/plot.png doc/lnav.png packaging/copyright DESTINATION ${CMAKE_INSTALL_DOCDIR})
-install(DIRECTORY fleet DESTINATION ${examples} USE_SOURCE_PERMISSIONS)
+install(DIRECTORY fleet DESTINATION ${examples} USE_SOURCE_PERMISSIONS REGEX fleet/README.md EXCLUDE)
+install_page(fleet/README.md ${examples}/fleet)
 install(DIRECTORY device/arm device/supervisors DESTINATION ${examples} USE_SOURCE_PERMISSIONS)
 install(PROGRAMS device/busybox-init device/backoff DESTINATION ${examples})
 install(FILES device/lnav.json DESTINATION ${examples})

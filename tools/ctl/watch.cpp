@@ -11,7 +11,6 @@
 
 #include <climits>
 #include <csignal>
-#include <cstdio>
 #include <dbus/dbus.h>
 #include <memory>
 #include <poll.h>
@@ -164,7 +163,7 @@ static Ping pingPatiently(int limit)
 {
     const qint64 end = monotonicMs() + longestWait() * qint64(1000);
     for (;;) {
-        const Ping found = ping(limit, false);
+        Ping found = ping(limit, false);
         const bool canWait
             = found.outcome == Hangs && !found.isBus && found.runs && !found.hanging.isStopped();
         if (!canWait || monotonicMs() >= end)
