@@ -334,7 +334,7 @@ void ReaderTest::verdicts()
     QCOMPARE(headline(report, verdict).left(says.size()), says);
     QCOMPARE(verdict.status(), says.startsWith("NOT") ? 1 : says.startsWith("CANNOT") ? 2 : 0);
     QVERIFY2(findings.value(0).advice.contains(advises), findings.value(0).advice.constData());
-    QCOMPARE(findings.isEmpty(), advises.isEmpty());
+    QCOMPARE(findings.size(), advises.isEmpty() ? 0 : 1);
     for (const Finding &finding : findings) // a daemon that waits for a module is not to be killed
         QVERIFY(!finding.advice.contains("kill -KILL 12") || says.contains("keepwatch hangs"));
 }

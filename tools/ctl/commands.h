@@ -2,7 +2,7 @@
 #ifndef COMMANDS_H
 #define COMMANDS_H
 
-#include "text.h"
+#include "verdict.h"
 
 enum Form { Page, Rows, JsonLines, Metrics };
 
@@ -26,10 +26,10 @@ int checkCommand(const Options &options);
 int watchCommand(const Options &options);
 int runCommand(const Options &options);
 
-/** Opens a log; -1 if there is none that can be read. The texts say why, and what to do. */
-int openLog(const QByteArray &path, QByteArray *trouble, QByteArray *advice);
+/** Opens a log; -1 and what is wrong with it if it cannot be read. */
+int openLog(const QByteArray &path, Finding *trouble);
 
-/** The same, with the texts on standard error. */
+/** The same, with the trouble on standard error. */
 int openLog(const QByteArray &path);
 
 /** Returns the metrics of a report in the text format of Prometheus. */

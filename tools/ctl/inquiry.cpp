@@ -2,6 +2,7 @@
 
 #include "bus.h"
 #include "check.h"
+#include "commands.h"
 #include "modules.h"
 #include "place.h"
 #include "settings.h"
@@ -23,16 +24,6 @@
 
 static const int graceMs = 300; // for an inquiry that keeps its time limit to hand over what it knows
 
-static QByteArray text(qint64 number)
-{
-    return QByteArray::number(number);
-}
-
-static QByteArray encode(const QString &path)
-{
-    return QFile::encodeName(path);
-}
-
 namespace {
 
 // One inquiry, in the process that takes the daemon's place.
@@ -48,9 +39,9 @@ public:
 private:
     void send() const;
     qint64 answerEnd() const;
+    QByteArray placed(const QString &path) const;
     void readSettings();
-    void findLog(const QString &setting, const QString &telegramFile);
-    void use(const WrittenFile &file);
+    void findLog(const LoggingSettings &settings);
     void judgeUnwritten(const QByteArray &path);
     void askBus();
     bool askNames(Bus *bus);
@@ -61,8 +52,9 @@ private:
     QByteArray prefix; // of absolute paths
     int log = -1; // the file to follow
     qint64 deadline; // milliseconds of the monotonic clock
-    Facts facts;
-    QList<Facts> modules;
+    QList<QByteArray> connections; // of the daemon
+    Report report;
+    Facts &facts = report.facts;
 };
 
 }
@@ -70,10 +62,10 @@ private:
 // The whole report each time, since nobody knows what comes next. It is small.
 void Asker::send() const
 {
-    QByteArray report;
-    QDataStream stream(&report, QIODevice::WriteOnly);
-    stream << facts << modules;
-    if (write(pipe, report.constData(), size_t(report.size())) < 0)
+    QByteArray text;
+    QDataStream stream(&text, QIODevice::WriteOnly);
+    stream << facts << report.modules;
+    if (write(pipe, text.constData(), size_t(text.size())) < 0)
         _exit(1); // nobody waits for it any more
 }
 
@@ -99,12 +91,14 @@ void Asker::run()
     if (daemon.id)
         askBus();
     send();
-    Report report = { facts, modules };
     if (log >= 0)
         describeLog(log, deadline, daemon.id != 0, &report);
-    facts = report.facts;
-    modules = report.modules;
     send();
+}
+
+QByteArray Asker::placed(const QString &path) const
+{
+    return QFileInfo(path).isAbsolute() ? prefix + QFile::encodeName(path) : QFile::encodeName(path);
 }
 
 void Asker::readSettings()
@@ -112,75 +106,69 @@ void Asker::readSettings()
     actAsKeepwatch();
     const QSettings settings;
     if (QFile::exists(settings.fileName()))
-        facts["settings"] = encode(settings.fileName());
+        facts["settings"] = QFile::encodeName(settings.fileName());
     for (const QString &name : moduleNames()) {
         const ModuleSettings read = readModuleSettings(settings, name);
         const QFileInfo file(read.path);
-        struct stat status;
         Facts module;
         module["name"] = name.toUtf8();
-        module["path"] = encode(file.absoluteFilePath());
-        module["log_name"] = encode(file.baseName());
+        module["path"] = QFile::encodeName(file.absoluteFilePath());
+        module["log_name"] = QFile::encodeName(file.baseName());
         module["service"] = read.service.toUtf8();
-        module["launched"] = text(read.start);
-        module["required"] = text(read.wait);
-        module["exists"]
-            = text(stat(((file.isAbsolute() ? prefix : "") + encode(read.path)).constData(), &status) == 0);
-        modules.append(module);
+        set(&module, "launched", read.start);
+        set(&module, "required", read.wait);
+        set(&module, "exists", access(placed(read.path).constData(), F_OK) == 0);
+        report.modules.append(module);
     }
-    const LoggingSettings logging = readLoggingSettings(settings);
-    if (!inquiry.log)
-        return;
-    if (!logging.logFile.isEmpty())
-        return findLog(logging.logFile, logging.telegramFile);
-    facts["log"] = logging.useSyslog ? "syslog" : "standard output";
-    for (const WrittenFile &file : files) {
-        if (!logging.useSyslog && file.descriptor == STDOUT_FILENO)
-            use(file);
-    }
+    if (inquiry.log)
+        findLog(readLoggingSettings(settings));
 }
 
-void Asker::use(const WrittenFile &file)
+static bool isSame(const WrittenFile &file, const QByteArray &path)
 {
-    log = file.file;
-    facts["log_file"] = file.path;
-    facts["log_descriptor"] = text(file.descriptor);
-    if (log < 0)
-        facts["log_problem"] = "unreadable";
+    struct stat status;
+    return stat(path.constData(), &status) == 0 && file.inode == status.st_ino
+        && file.device == status.st_dev;
 }
 
 // The daemon writes the file that the settings name, or one that had this name, or none.
-void Asker::findLog(const QString &setting, const QString &telegramFile)
+void Asker::findLog(const LoggingSettings &settings)
 {
-    const QFileInfo info(setting);
-    const QByteArray path = (info.isAbsolute() ? prefix : "") + encode(setting);
-    facts["log"] = encode(info.absoluteFilePath());
-    struct stat status = {}, telegrams = {};
-    stat(path.constData(), &status);
-    stat(encode(telegramFile).constData(), &telegrams);
-    if (!daemon.id && S_ISREG(status.st_mode))
-        log = open(path.constData(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
-    if (!daemon.id)
-        return;
-    const WrittenFile *other = 0;
+    const QByteArray path = placed(settings.logFile), telegramFile = placed(settings.telegramFile);
+    const bool hasFile = !path.isEmpty();
+    facts["log"] = settings.useSyslog ? "syslog" : "standard output";
+    if (hasFile)
+        facts["log"] = QFile::encodeName(QFileInfo(settings.logFile).absoluteFilePath());
+    Finding trouble;
+    if (hasFile && !daemon.id)
+        log = openLog(path, &trouble);
+    const WrittenFile *written = 0;
+    bool isFound = false;
     for (const WrittenFile &file : files) {
-        if (file.inode == status.st_ino && file.device == status.st_dev)
-            return use(file);
-        if (file.descriptor > STDERR_FILENO
-            && !(file.inode == telegrams.st_ino && file.device == telegrams.st_dev))
-            other = &file;
+        const bool isLog
+            = hasFile ? isSame(file, path) : !settings.useSyslog && file.descriptor == STDOUT_FILENO;
+        if (isLog || (hasFile && !isFound && file.descriptor > STDERR_FILENO && !isSame(file, telegramFile)))
+            written = &file;
+        isFound = isFound || isLog;
     }
-    if (!other)
-        return judgeUnwritten(path);
-    facts["log_problem"] = other->path.endsWith(" (deleted)") ? "deleted" : "moved";
-    use(*other);
+    if (!written && hasFile && daemon.id)
+        judgeUnwritten(path);
+    if (!written)
+        return;
+    log = written->file;
+    facts["log_file"] = written->path;
+    set(&facts, "log_descriptor", written->descriptor);
+    if (log < 0)
+        facts["log_problem"] = "unreadable";
+    else if (!isFound)
+        facts["log_problem"] = written->path.endsWith(" (deleted)") ? "deleted" : "moved";
 }
 
 void Asker::judgeUnwritten(const QByteArray &path)
 {
-    const QByteArray folder = path.contains('/') ? path.left(path.lastIndexOf('/') + 1) : ".";
-    const bool exists = access(path.constData(), F_OK) == 0;
-    const bool possible = access((exists ? path : folder).constData(), exists ? W_OK : W_OK | X_OK) == 0;
+    const QByteArray folder = path.left(path.lastIndexOf('/') + 1) + ".";
+    const bool possible = access(path.constData(), W_OK) == 0
+        || (errno == ENOENT && access(folder.constData(), W_OK | X_OK) == 0);
     facts["log_problem"] = possible ? "unwritten" : "unwritable";
     if (!possible)
         facts["log_refusal"] = strerror(errno);
@@ -198,7 +186,7 @@ void Asker::askBus()
     facts["bus"] = bus.open(address.replace("unix:path=", "unix:path=" + prefix), answerEnd());
     if (facts["bus"] != "answers")
         return;
-    facts["bus_ms"] = text(monotonicMs() - begin);
+    set(&facts, "bus_ms", monotonicMs() - begin);
     if (!askNames(&bus)) {
         facts["bus"] = "silent";
         return;
@@ -218,43 +206,44 @@ bool Asker::askNames(Bus *bus)
         bus->askDaemon("GetConnectionUnixProcessID", name);
     if (!bus->wait(end) || names.isEmpty())
         return false;
-    int connections = 0;
     for (int i = 0; i < names.size(); ++i) {
         const qint64 owner = bus->number(list + 1 + size_t(i));
         if (names[i].startsWith(':') && ids.contains(int(owner)))
-            facts["connection_" + text(connections++)] = names[i];
-        for (Facts &module : modules) {
-            if (module.value("service") == names[i] && isServiceName(QString::fromUtf8(names[i].constData())))
-                module["owner"] = text(owner);
+            connections.append(names[i]);
+        for (Facts &module : report.modules) {
+            if (module.value("service") == names[i] && !names[i].startsWith(':'))
+                set(&module, "owner", owner);
         }
     }
-    facts["connections"] = text(connections);
+    set(&facts, "connections", connections.size());
     return true;
 }
 
 // All at once. Introspection is answered by the main loop of a module, and leaves no line in the log.
 void Asker::askLives(Bus *bus)
 {
-    QList<size_t> pings;
-    for (int i = 0; i < number(facts, "connections"); ++i)
-        pings.append(bus->ask(facts["connection_" + text(i)], "/", "org.freedesktop.DBus.Peer", "Ping"));
-    QMap<int, size_t> lives;
-    for (int i = 0; inquiry.modules && i < modules.size(); ++i) {
-        if (modules[i].contains("owner"))
-            lives[i]
-                = bus->ask(modules[i]["service"], "/", "org.freedesktop.DBus.Introspectable", "Introspect");
+    QMap<QByteArray, size_t> questions; // by name
+    for (const QByteArray &name : connections)
+        questions[name] = bus->ask(name, "/", "org.freedesktop.DBus.Peer", "Ping");
+    for (const Facts &module : report.modules) {
+        const QByteArray name = module.value("service");
+        if (inquiry.modules && module.contains("owner"))
+            questions[name] = bus->ask(name, "/", "org.freedesktop.DBus.Introspectable", "Introspect");
     }
     bus->wait(answerEnd());
-    QByteArray silent;
-    for (int i = 0; i < pings.size(); ++i) {
+    facts["silent"] = "";
+    for (const QByteArray &name : connections) {
         // The bus daemon replies for a connection that has ended.
-        if (!bus->isAnswered(pings[i]) || bus->isError(pings[i]))
-            join(&silent, facts["connection_" + text(i)], " ");
+        if (!bus->isAnswered(questions[name]) || bus->isError(questions[name]))
+            join(&facts["silent"], name, " ");
     }
-    facts["silent"] = silent;
-    for (int i : lives.keys()) {
-        modules[i]["answers"] = text(bus->isAnswered(lives[i]));
-        modules[i]["ms"] = text(bus->milliseconds(lives[i]));
+    for (Facts &module : report.modules) {
+        if (!questions.contains(module.value("service")))
+            continue;
+        const size_t question = questions[module.value("service")];
+        set(&module, "answers", bus->isAnswered(question));
+        if (bus->isAnswered(question))
+            set(&module, "ms", bus->milliseconds(question));
     }
 }
 
@@ -264,7 +253,6 @@ struct Answer
 {
     pid_t asker;
     int pipe;
-    QByteArray text;
 };
 
 }
@@ -272,17 +260,15 @@ struct Answer
 // The asker takes the place of a user, and must not reach the terminal of another one.
 static Answer startAsker(const Process &daemon, const Inquiry &inquiry)
 {
-    Answer answer = { -1, -1, QByteArray() };
     int ends[2];
     if (pipe2(ends, O_CLOEXEC) != 0)
-        return answer;
-    answer.pipe = ends[0];
-    answer.asker = fork();
-    if (answer.asker == 0) {
-        close(ends[0]);
+        return { -1, -1 };
+    const pid_t asker = fork();
+    if (asker == 0) {
         const int null = open("/dev/null", O_RDWR | O_CLOEXEC);
         for (int stream = STDIN_FILENO; stream <= STDERR_FILENO; ++stream)
             dup2(null, stream);
+        close(ends[0]);
         setsid();
         Asker asker;
         asker.daemon = daemon;
@@ -292,32 +278,29 @@ static Answer startAsker(const Process &daemon, const Inquiry &inquiry)
         _exit(0);
     }
     close(ends[1]);
-    return answer;
+    return { asker, ends[0] };
 }
 
-// Reads what comes until the time is over. The asker can hang in the kernel, so nobody waits for its exit.
-static void finishAsker(Answer *answer, qint64 end)
+// Reads what comes until the time is over, and returns the last whole report. The asker can hang in the
+// kernel, so nobody waits for its exit.
+static Report finishAsker(const Answer &answer, qint64 end)
 {
     static const int limit = 4000000;
+    QByteArray text;
     char buffer[4096];
-    struct pollfd input = { answer->pipe, POLLIN, 0 };
-    while (answer->text.size() < limit) {
+    struct pollfd input = { answer.pipe, POLLIN, 0 };
+    while (text.size() < limit) {
         const int ready = poll(&input, 1, int(qMax(qint64(0), end - monotonicMs())));
-        const ssize_t count = ready > 0 ? read(answer->pipe, buffer, sizeof buffer) : 0;
+        const ssize_t count = ready > 0 ? read(answer.pipe, buffer, sizeof buffer) : 0;
         if (ready == 0 || (ready > 0 && count <= 0))
             break;
-        answer->text.append(buffer, int(count));
+        text.append(buffer, int(count));
     }
-    close(answer->pipe);
-    if (answer->asker > 0) {
-        kill(answer->asker, SIGKILL);
-        waitpid(answer->asker, 0, WNOHANG);
+    close(answer.pipe);
+    if (answer.asker > 0) {
+        kill(answer.asker, SIGKILL);
+        waitpid(answer.asker, 0, WNOHANG);
     }
-}
-
-// The last whole report that was sent.
-static Report readReport(QByteArray text)
-{
     Report report, read;
     QDataStream stream(&text, QIODevice::ReadOnly);
     while (!stream.atEnd()) {
@@ -330,21 +313,24 @@ static Report readReport(QByteArray text)
 
 static void describeProcess(const Process &process, Facts *module)
 {
-    (*module)["process"] = text(process.id);
-    (*module)["stopped"] = text(process.isStopped());
+    set(module, "process", process.id);
+    set(module, "stopped", process.isStopped());
 }
 
-// The child of the daemon whose call, number in the log, or name is the module's.
-static void findModuleProcess(const Processes &processes, const Process &daemon, Facts *module)
+// The child of the daemon whose call, number in the log, or name is the module's. Without a daemon, a module
+// that another one has left behind.
+static void findProcess(const Processes &processes, const Process &daemon, Facts *module)
 {
     const QByteArray path = module->value("path");
     const QByteArray name = path.mid(path.lastIndexOf('/') + 1).left(processNameLength);
+    const int logged = int(number(*module, "log_process"));
     for (const Process &process : processes) {
-        if (process.parent != daemon.id || !process.runs())
+        if (!process.runs() || (daemon.id && process.parent != daemon.id))
             continue;
-        const bool isNamed = namespaceIds(process.id).mid(1).contains(int(number(*module, "log_process")));
-        if (isNamed || readFile(process.id, "cmdline").split('\0').contains(path)
-            || (process.name == name && !module->contains("process")))
+        const bool isSure = daemon.id
+            && (namespaceIds(process.id).contains(logged)
+                || readFile(process.id, "cmdline").split('\0').contains(path));
+        if (isSure || (process.name == name && !module->contains("process")))
             describeProcess(process, module);
     }
 }
@@ -353,61 +339,47 @@ static void findModuleProcess(const Processes &processes, const Process &daemon,
 static bool isForeign(const Processes &processes, const Facts &module)
 {
     const int expected = int(number(module, "process")), owner = int(number(module, "owner"));
-    bool isOurs = false;
-    for (const Process &process : processes)
-        isOurs = isOurs
-            || (descendsFrom(processes, process.id, expected) && namespaceIds(process.id).contains(owner));
-    return !isOurs;
+    for (const Process &process : processes) {
+        if (descendsFrom(processes, process.id, expected) && namespaceIds(process.id).contains(owner))
+            return false;
+    }
+    return true;
 }
 
-static void findModuleProcesses(const Processes &processes, const Process &daemon, Report *report)
+static void findProcesses(const Processes &processes, const Process &daemon, Report *report)
 {
     for (Facts &module : report->modules) {
         const int owner = int(number(module, "owner"));
-        if (number(module, "launched"))
-            findModuleProcess(processes, daemon, &module);
+        const bool launched = number(module, "launched");
+        if (launched || !daemon.id)
+            findProcess(processes, daemon, &module);
         else if (processes.contains(owner))
             describeProcess(processes[owner], &module);
-        if (number(module, "launched") && owner > 0)
-            module["foreign"] = text(isForeign(processes, module));
-    }
-}
-
-// Modules that a keepwatch has left behind.
-static void findLeftModules(const Processes &processes, Report *report)
-{
-    for (Facts &module : report->modules) {
-        for (const Process &process : processes) {
-            if (process.name == module.value("log_name").left(processNameLength) && process.runs())
-                describeProcess(process, &module);
-        }
+        if (launched && owner > 0)
+            set(&module, "foreign", isForeign(processes, module));
     }
 }
 
 QByteArray socketPath(const QByteArray &address)
 {
-    const int path = int(address.indexOf("path=")), abstract = int(address.indexOf("abstract="));
-    const int begin = int(address.indexOf('=', path < 0 ? abstract : path)) + 1;
-    const QByteArray name = address.mid(begin).split(';')[0].split(',')[0];
-    return path < 0 && abstract >= 0 ? "@" + name : name;
+    const QByteArray name = address.mid(address.indexOf('=') + 1).split(';')[0].split(',')[0];
+    return address.startsWith("unix:abstract=") ? "@" + name : name;
 }
 
 // What is known to everyone.
 static void describeDaemon(const Processes &processes, const Process &daemon, Facts *facts)
 {
-    (*facts)["daemon"] = text(daemon.id);
+    set(facts, "daemon", daemon.id);
     (*facts)["user"] = userName(userOf(daemon.id));
-    (*facts)["stopped"] = text(daemon.isStopped());
-    (*facts)["age"] = text(time(0) - startTime(daemon) / 1000);
+    set(facts, "stopped", daemon.isStopped());
+    set(facts, "age", time(0) - startTime(daemon) / 1000);
     (*facts)["folder"] = readLink(daemon.id, "cwd");
-    if (facts->value("bus") == "answers" && number(*facts, "connections") >= 2)
-        return; // to look through the descriptors of others takes some time
     const int busDaemon = findListener(processes, daemon.id, socketPath(facts->value("bus_address")));
     if (!busDaemon)
         return;
-    (*facts)["bus_process"] = text(busDaemon);
-    (*facts)["bus_stopped"] = text(processes[busDaemon].isStopped());
-    (*facts)["bus_younger"] = text(processes[busDaemon].started > daemon.started);
+    set(facts, "bus_process", busDaemon);
+    set(facts, "bus_stopped", processes[busDaemon].isStopped());
+    set(facts, "bus_younger", processes[busDaemon].started > daemon.started);
 }
 
 QList<Report> inquire(const Processes &processes, const QList<Process> &daemons, const Inquiry &inquiry)
@@ -419,14 +391,10 @@ QList<Report> inquire(const Processes &processes, const QList<Process> &daemons,
         answers.append(startAsker(daemon, inquiry));
     QList<Report> reports;
     for (int i = 0; i < asked.size(); ++i) {
-        finishAsker(&answers[i], end);
-        Report report = readReport(answers[i].text);
-        if (asked[i].id) {
+        Report report = finishAsker(answers[i], end);
+        if (asked[i].id)
             describeDaemon(processes, asked[i], &report.facts);
-            findModuleProcesses(processes, asked[i], &report);
-        } else {
-            findLeftModules(processes, &report);
-        }
+        findProcesses(processes, asked[i], &report);
         reports.append(report);
     }
     return reports;

@@ -2,8 +2,6 @@
 #include "commands.h"
 #include "reader.h"
 
-#include <cstdio>
-
 // A line that is no log line belongs to the text of the one before.
 static void printRow(const Piece &line, Form form, Clock *clock)
 {
@@ -39,6 +37,6 @@ int logCommand(const Options &options)
     for (Piece line; reader.next(&line);)
         printRow(line, options.form, &clock);
     if (reader.error)
-        fprintf(stderr, "zarn5ctl: the log cannot be read further: %s\n", strerror(reader.error));
+        complain(QByteArray("the log cannot be read further: ") + strerror(reader.error));
     return finishOutput() && !reader.error ? 0 : 1;
 }

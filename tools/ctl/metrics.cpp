@@ -10,10 +10,12 @@ class Writer
 public:
     QByteArray text;
 
-    void family(const char *name, const char *type, const char *help)
+    // `value`: of its only sample
+    void family(const char *name, const char *type, const char *help, const QByteArray &value = QByteArray())
     {
         current = QByteArray("keepwatch_") + name;
         heading = "# HELP " + current + " " + help + "\n# TYPE " + current + " " + type + "\n";
+        sample(value);
     }
     void sample(const QByteArray &value, const QByteArray &labels = QByteArray(), const char *suffix = "")
     {
@@ -55,24 +57,19 @@ static QByteArray flag(bool value)
 // Empty if it is not known. A keepwatch that does not run does not answer.
 static QByteArray aliveOf(const Facts &facts)
 {
-    const QByteArray bus = facts.value("bus");
-    if (facts.value("up") == "0" || bus == "silent" || bus == "gone")
+    if (holds("up=0", facts) || holds("bus=silent", facts) || holds("bus=gone", facts))
         return "0";
-    if (bus != "answers" || !facts.contains("connections"))
+    if (!facts.contains("connections"))
         return QByteArray();
-    return flag(number(facts, "connections") >= 2 && facts.contains("silent")
-                && facts.value("silent").isEmpty());
+    return flag(number(facts, "connections") >= 2 && facts.contains("silent") && !holds("silent", facts));
 }
 
 static void writeState(const Facts &facts, Writer *writer)
 {
     const QByteArray state = facts.value("state");
-    const bool dead = facts.value("up") == "0" && state != "down",
-               known = !state.isEmpty() && state != stateNames[Wait];
-    writer->family("up", "gauge", "Whether a process called keepwatch is there.");
-    writer->sample(facts.value("up"));
-    writer->family("alive", "gauge", "Whether keepwatch answers on its bus.");
-    writer->sample(aliveOf(facts));
+    const bool dead = holds("up=0 !state=down", facts), known = !state.isEmpty() && state != stateNames[Wait];
+    writer->family("up", "gauge", "Whether a process called keepwatch is there.", facts.value("up"));
+    writer->family("alive", "gauge", "Whether keepwatch answers on its bus.", aliveOf(facts));
     writer->family("state", "gauge",
                    "1 for the state that keepwatch is in, 0 for the others; 0 for all if it is dead.");
     for (int i = Start; known && i <= Down; ++i) {
@@ -80,16 +77,15 @@ static void writeState(const Facts &facts, Writer *writer)
             writer->sample(flag(!dead && state == stateNames[i]),
                            "state=\"" + QByteArray(stateNames[i]).replace(' ', '_') + "\"");
     }
-    writer->family("state_since_timestamp_seconds", "gauge", "When keepwatch entered its state.");
-    writer->sample(known && !dead ? secondsOf(facts, "state_since_time") : QByteArray());
-    writer->family("released", "gauge", "Whether keepwatch is there and has released its modules.");
-    writer->sample(state.isEmpty() ? state : flag(!dead && state == "running"));
-    writer->family("releases_total", "counter", "Releases since keepwatch started.");
-    writer->sample(facts.value("releases"));
-    writer->family("not_released_seconds", "gauge", "Time without a release since keepwatch started.");
-    writer->sample(secondsOf(facts, "unreleased"));
-    writer->family("session_start_timestamp_seconds", "gauge", "When keepwatch started.");
-    writer->sample(secondsOf(facts, "start_time"));
+    writer->family("state_since_timestamp_seconds", "gauge", "When keepwatch entered its state.",
+                   known && !dead ? secondsOf(facts, "state_since_time") : QByteArray());
+    writer->family("released", "gauge", "Whether keepwatch is there and has released its modules.",
+                   state.isEmpty() ? state : flag(!dead && state == "running"));
+    writer->family("releases_total", "counter", "Releases since keepwatch started.", facts.value("releases"));
+    writer->family("not_released_seconds", "gauge", "Time without a release since keepwatch started.",
+                   secondsOf(facts, "unreleased"));
+    writer->family("session_start_timestamp_seconds", "gauge", "When keepwatch started.",
+                   secondsOf(facts, "start_time"));
 }
 
 static QByteArray upOf(const Facts &facts, const Facts &module)
@@ -134,13 +130,13 @@ static void writeLines(const Facts &facts, Writer *writer)
     for (const char *level : levelNames)
         writer->sample(facts.value(QByteArray("lines_") + level), "level=\"" + QByteArray(level) + "\"");
     writer->family("log_late_lines_total", "counter",
-                   "Lines of log_lines_total that came more than a second after their timestamp.");
-    writer->sample(facts.value("lines_late"));
+                   "Lines of log_lines_total that came more than a second after their timestamp.",
+                   facts.value("lines_late"));
     writer->family("log_delay_seconds", "histogram",
                    "Time from timestamp to arrival of the lines of log_lines_total.");
     qint64 count = 0;
     for (int i = 0; i <= bucketCount; ++i) {
-        count += facts.value("delay_bucket_" + QByteArray::number(i)).toLongLong();
+        count += number(facts, "delay_bucket_" + QByteArray::number(i));
         const QByteArray bound = i < bucketCount ? format("%g", buckets[i]) : QByteArray("+Inf");
         writer->sample(QByteArray::number(count), "le=\"" + bound + "\"", "_bucket");
     }

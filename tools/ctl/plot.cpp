@@ -5,7 +5,6 @@
 
 #include <QPair>
 
-#include <cstdio>
 #include <unistd.h>
 
 static const int cellLimit = 1000, spanLimit = 80, rowSpanLimit = 20,
@@ -22,37 +21,31 @@ struct Span
     int count; // of which it was made
 };
 
-// Spans in the order of time. If there are more than `limit`, those with the smallest gaps become one.
+// Spans in the order of time. If there are too many, those with the smallest gaps become one.
 struct Spans
 {
     QList<Span> all;
     qint64 gap = 1; // milliseconds
 
     void add(qint64 from, qint64 to, int limit);
-    void merge();
 };
 
 void Spans::add(qint64 from, qint64 to, int limit)
 {
     all.append(Span { from, qMax(from, to), 1 });
     while (all.size() > limit) {
-        merge();
+        QList<Span> merged;
+        for (const Span &span : all) {
+            if (merged.isEmpty() || span.from - merged.last().to > gap) {
+                merged.append(span);
+                continue;
+            }
+            merged.last().to = qMax(merged.last().to, span.to);
+            merged.last().count += span.count;
+        }
+        all = merged;
         if (all.size() > limit / 2) // so it is never more than twice the time of the log
             gap *= 2;
-    }
-}
-
-void Spans::merge()
-{
-    const QList<Span> old = all;
-    all.clear();
-    for (const Span &span : old) {
-        if (all.isEmpty() || span.from - all.last().to > gap) {
-            all.append(span);
-            continue;
-        }
-        all.last().to = qMax(all.last().to, span.to);
-        all.last().count += span.count;
     }
 }
 
@@ -87,8 +80,7 @@ private:
     void addCell(const Cell &cell);
     void addStatement(const Statement &statement);
     void enter(Phase entered, qint64 at);
-    Row *row(const QByteArray &name);
-    void blame(const QByteArray &name, qint64 at, bool marked);
+    void blame(const QByteArray &name, bool marked);
     double x(qint64 time) const
     {
         return left + plotWidth * double(time - first) / double(range);
@@ -97,7 +89,6 @@ private:
     {
         return top + height - height * double(delay - least) / double(most - least);
     }
-    QByteArray rectangle(const Span &span, double y, double height, const QByteArray &title) const;
     void drawAxes(double bottom) const;
     void drawCells() const;
     void drawSpans(const Spans &spans, double y, double height, const char *colour,
@@ -112,8 +103,6 @@ private:
     qint64 since = 0;
     Spans spans[Released];
     QList<Row> rows;
-    QMap<QByteArray, qint64> lost; // services, and when
-    bool exited = false; // before the pause that follows
 };
 
 }
@@ -155,27 +144,14 @@ void Plot::addStatement(const Statement &statement)
 {
     static const Phase entered[]
         = { Undetermined, Starting, Waiting, Released, Paused, Undetermined, Ended, Ended }; // by State
-    const QByteArray name = statement.name.bytes();
     if (statement.event == RunStarts && before && phase != Ended)
         enter(Silent, before); // nobody saw the end of the run before
     if (statement.event == Await)
         enter(Waiting, now);
     else if (entered[statement.enters] != Undetermined)
         enter(entered[statement.enters], now);
-    if (statement.event == Await) {
-        blame(name, now, false);
-    } else if (statement.event == Exit) {
-        blame(name, now, true);
-        exited = true;
-        lost.clear(); // its service is lost with it
-    } else if (statement.event == Lost && !exited && lost.size() < rowLimit) {
-        lost[name] = now;
-    } else if (statement.enters == Pause && statement.event == Nothing) {
-        for (const QByteArray &service : lost.keys())
-            blame(service, lost[service], true);
-        lost.clear();
-        exited = false;
-    }
+    if (statement.event == Exit || statement.event == Lost || statement.event == Await)
+        blame(statement.name.bytes().left(60), statement.event != Await);
 }
 
 void Plot::enter(Phase entered, qint64 at)
@@ -194,43 +170,26 @@ void Plot::enter(Phase entered, qint64 at)
                 row.bars.add(row.blamed, at, rowSpanLimit);
             row.blamed = -1;
         }
-        lost.clear();
     }
     phase = entered;
     since = at;
 }
 
-Row *Plot::row(const QByteArray &name)
+// A module and its service have a row in common. Too many share the last one.
+void Plot::blame(const QByteArray &name, bool marked)
 {
     const bool isFull = rows.size() >= rowLimit;
-    for (Row &row : rows) {
-        if (row.name == name.left(60) || (isFull && row.name == "others"))
-            return &row;
+    int i = 0;
+    while (i < rows.size() && rows[i].name != name && !isAlike(name, rows[i].name)
+           && !isAlike(rows[i].name, name) && !(isFull && rows[i].name == "others"))
+        ++i;
+    if (i == rows.size()) {
+        rows.append(Row());
+        rows[i].name = isFull ? QByteArray("others") : name;
     }
-    rows.append(Row());
-    rows.last().name = isFull ? QByteArray("others") : name.left(60);
-    return &rows.last();
-}
-
-void Plot::blame(const QByteArray &name, qint64 at, bool marked)
-{
-    Row *const blamed = row(name);
-    blamed->blamed = blamed->blamed < 0 ? at : blamed->blamed;
+    rows[i].blamed = rows[i].blamed < 0 ? now : rows[i].blamed;
     if (marked)
-        blamed->marks.add(at, at, rowSpanLimit);
-}
-
-// At least so wide that it can be seen, and hit by a mouse.
-QByteArray Plot::rectangle(const Span &span, double y, double height, const QByteArray &title) const
-{
-    const Clock utc(Clock::Utc);
-    QByteArray text = title + (span.count > 1 ? ", " + QByteArray::number(span.count) + " times" : "") + ": "
-        + utc.write(span.from);
-    if (span.to > span.from)
-        text += " to " + utc.write(span.to) + format(", %.1f s", double(span.to - span.from) / 1000);
-    return format("<rect x=\"%.1f\" y=\"%.0f\" width=\"%.1f\" height=\"%.0f\"><title>", x(span.from), y,
-                  qMax(3.0, x(span.to) - x(span.from)), height)
-        + escape(text, Xml) + "</title></rect>\n";
+        rows[i].marks.add(now, now, rowSpanLimit);
 }
 
 static void printText(double x, double y, const char *anchor, const QByteArray &text)
@@ -269,12 +228,22 @@ void Plot::drawCells() const
     print("</g>\n");
 }
 
+// At least so wide that they can be seen, and hit by a mouse.
 void Plot::drawSpans(const Spans &spans, double y, double height, const char *colour,
                      const QByteArray &title) const
 {
     print(QByteArray("<g fill=\"") + colour + "\">\n");
-    for (const Span &span : spans.all)
-        print(rectangle(span, y, height, title));
+    for (const Span &span : spans.all) {
+        QByteArray text = title;
+        if (span.count > 1)
+            text += format(", %d times", span.count);
+        text += ": " + clock.write(span.from);
+        if (span.to > span.from)
+            text += " to " + clock.write(span.to) + format(", %.1f s", double(span.to - span.from) / 1000);
+        print(format("<rect x=\"%.1f\" y=\"%.0f\" width=\"%.1f\" height=\"%.0f\"><title>", x(span.from), y,
+                     qMax(3.0, x(span.to) - x(span.from)), height)
+              + escape(text, Xml) + "</title></rect>\n");
+    }
     print("</g>\n");
 }
 
@@ -313,7 +282,7 @@ void Plot::draw()
 int plotCommand(const Options &options)
 {
     if (isatty(STDOUT_FILENO)) {
-        fputs("zarn5ctl: the picture goes to a file: zarn5ctl plot LOG >FILE.svg\n", stderr);
+        complain("the picture goes to a file: zarn5ctl plot LOG >FILE.svg");
         return 2;
     }
     const int file = openLog(options.log);
@@ -327,8 +296,7 @@ int plotCommand(const Options &options)
             plot.add(parsed);
     }
     if (plot.isEmpty || reader.error) {
-        fprintf(stderr, "zarn5ctl: %s\n",
-                reader.error ? strerror(reader.error) : "no line of this log has a timestamp");
+        complain(reader.error ? strerror(reader.error) : "no line of this log has a timestamp");
         return 1;
     }
     plot.draw();

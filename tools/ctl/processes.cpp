@@ -1,7 +1,6 @@
 #include "processes.h"
 
 #include <algorithm>
-#include <cstdio>
 #include <cstring>
 #include <ctime>
 #include <dirent.h>
@@ -16,14 +15,10 @@ QByteArray folderOf(int process)
     return process ? "/proc/" + QByteArray::number(process) + "/" : "/proc/self/";
 }
 
-QByteArray readFile(int process, const char *name, bool *readable)
+QByteArray readFile(int process, const char *name)
 {
     QByteArray content;
     const int file = open((folderOf(process) + name).constData(), O_RDONLY | O_CLOEXEC);
-    if (readable)
-        *readable = file >= 0;
-    if (file < 0)
-        return content;
     char buffer[4096];
     for (ssize_t count; content.size() < fileLimit && (count = read(file, buffer, sizeof buffer)) > 0;)
         content.append(buffer, int(count));
@@ -151,21 +146,15 @@ qint64 startTime(const Process &process)
     return boot + process.started * 1000 / sysconf(_SC_CLK_TCK);
 }
 
-// The inodes of the sockets that listen at `path`. A connection that was accepted there has its name, too.
-static QList<QByteArray> listeningSockets(int process, const QByteArray &path)
-{
-    QList<QByteArray> sockets;
-    for (const QByteArray &line : readFile(process, "net/unix").split('\n')) {
-        const QList<QByteArray> fields = line.simplified().split(' ');
-        if (fields.size() == 8 && fields[7] == path && fields[5] == "01") // not connected
-            sockets.append("socket:[" + fields[6] + "]");
-    }
-    return sockets;
-}
-
 int findListener(const Processes &processes, int daemon, const QByteArray &path)
 {
-    const QList<QByteArray> sockets = listeningSockets(daemon, path);
+    QList<QByteArray> sockets;
+    for (const QByteArray &line : readFile(daemon, "net/unix").split('\n')) {
+        const QList<QByteArray> fields = line.simplified().split(' ');
+        // A connection that was accepted there has the same path, but not the state of an unconnected socket.
+        if (fields.size() == 8 && fields[7] == path && fields[5] == "01")
+            sockets.append("socket:[" + fields[6] + "]");
+    }
     for (const Process &process : processes) {
         if (!process.name.startsWith("dbus-")) // a service manager can have the socket, too
             continue;

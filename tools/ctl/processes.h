@@ -51,8 +51,8 @@ qint64 startTime(const Process &process);
 /** Returns the words after `key` in /proc/ID/status, such as "Uid:". */
 QList<QByteArray> readStatus(int process, const QByteArray &key);
 
-/** Returns at most 1 MB of a file in the folder of a process; `*readable`: whether it could be opened. */
-QByteArray readFile(int process, const char *file, bool *readable = 0);
+/** Returns at most 1 MB of a file in the folder of a process; empty if it cannot be read. */
+QByteArray readFile(int process, const char *file);
 
 /** Returns the target of a symbolic link in the folder of a process; empty if it cannot be read. */
 QByteArray readLink(int process, const QByteArray &link);

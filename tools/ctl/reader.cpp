@@ -60,29 +60,26 @@ static void parseRest(const Piece &rest, LogLine *parsed)
     parsed->stamp = Piece { rest.begin + 1, stampSize };
     parsed->text = rest.from(stampSize + 3);
     const Piece text = parsed->text;
-    if (const void *colon = memchr(text.begin, ':', text.size)) {
-        const size_t size = size_t(static_cast<const char *>(colon) - text.begin);
-        parsed->name = Piece { text.begin, size }.trimmed();
-        parsed->text = text.from(size + 1);
-        if (parsed->text.startsWith(" "))
-            parsed->text = parsed->text.from(1);
-    }
+    const size_t colon = text.find(':');
+    if (colon == text.size)
+        return;
+    parsed->name = Piece { text.begin, colon }.trimmed();
+    parsed->text = text.from(colon + 1);
+    if (parsed->text.startsWith(" "))
+        parsed->text = parsed->text.from(1);
 }
 
 bool parseLine(const Piece &line, LogLine *parsed)
 {
     if (line.startsWith("{")) // what is inside of JSON is no line with a prefix
         return false;
-    Piece rest = line;
-    while (const void *bracket = memchr(rest.begin, '[', rest.size)) {
-        rest = rest.from(size_t(static_cast<const char *>(bracket) - rest.begin));
-        if (const size_t size = parseHead(rest, parsed)) {
-            parseRest(rest.from(size), parsed);
-            return true;
-        }
-        rest = rest.from(1);
-    }
-    return false;
+    size_t head = 0;
+    Piece rest = line.from(line.find('['));
+    while (rest.size > 0 && !(head = parseHead(rest, parsed)))
+        rest = rest.from(1 + rest.from(1).find('['));
+    if (head)
+        parseRest(rest.from(head), parsed);
+    return head;
 }
 
 static int readNumber(const char *digits, int size)
@@ -170,23 +167,23 @@ bool LogReader::next(Piece *line)
             ++begin;
         isJson = isJson || (isEmpty && begin < end && *begin == '{');
         isEmpty = isEmpty && begin == end;
-        char *const stop = static_cast<char *>(memchr(begin, '\n', size_t(end - begin)));
-        if (!stop && size_t(end - begin) < lineBytes) {
+        const Piece all = { begin, size_t(end - begin) };
+        *line = Piece { begin, all.find('\n') };
+        const bool isWhole = line->size < all.size;
+        if (!isWhole && all.size < lineBytes) {
             if (!fill())
                 return false;
             continue;
         }
-        *line = Piece { begin, size_t((stop ? stop : end) - begin) };
-        begin = stop ? stop + 1 : end;
+        begin += line->size + isWhole;
         const bool returned = !isRest;
-        isRest = !stop;
+        isRest = !isWhole;
         if (!returned)
             continue;
         // After a power failure, NULs can stand between a line that was cut and the next one.
         if (const void *nul = memrchr(line->begin, '\0', line->size))
             *line = line->from(size_t(static_cast<const char *>(nul) + 1 - line->begin));
-        if (line->size > 0 && line->end()[-1] == '\r')
-            --line->size;
+        line->cutEnd("\r", 1);
         return true;
     }
 }

@@ -43,14 +43,6 @@ static bool cutNumber(Piece *text, qint64 *number)
     return digits > 0;
 }
 
-static bool cutEnd(Piece *text, const char *end, size_t size)
-{
-    if (text->size < size || memcmp(text->end() - size, end, size) != 0)
-        return false;
-    text->size -= size;
-    return true;
-}
-
 static bool match(const Piece &text, const char *pattern, Statement *statement)
 {
     const char *const star = strchr(pattern, '*');
@@ -61,7 +53,7 @@ static bool match(const Piece &text, const char *pattern, Statement *statement)
         return false;
     statement->name = text.from(head);
     return (star[1 + tail] != '#' || cutNumber(&statement->name, &statement->number))
-        && cutEnd(&statement->name, star + 1, tail) && statement->name.size > 0;
+        && statement->name.cutEnd(star + 1, tail) && statement->name.size > 0;
 }
 
 // Parses "watchdog.cpp        ,  171: text" in a line of keepwatch.
@@ -70,25 +62,23 @@ static bool parseTag(const LogLine &line, Piece *text)
     if (line.name.size != strlen("keepwatch") || !line.name.startsWith("keepwatch")
         || !(line.text.startsWith("watchdog.cpp ") || line.text.startsWith("logging.cpp ")))
         return false;
-    const void *const colon = memchr(line.text.begin, ':', line.text.size);
-    if (!colon)
-        return false;
-    *text = line.text.from(size_t(static_cast<const char *>(colon) + 1 - line.text.begin)).trimmed();
-    return true;
+    const size_t colon = line.text.find(':');
+    *text = line.text.from(qMin(colon + 1, line.text.size)).trimmed();
+    return colon < line.text.size;
 }
 
 // Parses "\"service\" : \"output\"", whose last quote can be missing. Returns false if `text` is not that.
 static bool parseOutput(const Piece &text, Piece *service, Piece *output)
 {
-    const void *const quote = text.startsWith("\"") ? memchr(text.begin + 1, '"', text.size - 1) : 0;
-    if (!quote)
+    static const char separator[] = "\" : \"";
+    if (!text.startsWith("\""))
         return false;
-    *service = Piece { text.begin + 1, size_t(static_cast<const char *>(quote) - text.begin - 1) };
-    *output = text.from(service->size + 2);
-    if (!output->startsWith(" : \""))
+    *service = Piece { text.begin + 1, text.from(1).find('"') };
+    *output = text.from(1 + service->size);
+    if (!output->startsWith(separator))
         return false;
-    *output = output->from(4);
-    cutEnd(output, "\"", 1);
+    *output = output->from(strlen(separator));
+    output->cutEnd("\"", 1);
     return true;
 }
 
@@ -99,7 +89,7 @@ bool parseStatement(const LogLine &line, Statement *statement)
         return false;
     *statement = Statement { Unknown, Nothing, Piece { "", 0 }, 0, 1 };
     Piece once = text;
-    if (cutEnd(&once, " times", 6) && cutNumber(&once, &statement->times) && cutEnd(&once, ", ", 2))
+    if (once.cutEnd(" times", 6) && cutNumber(&once, &statement->times) && once.cutEnd(", ", 2))
         text = once;
     else
         statement->times = 1;
@@ -121,11 +111,29 @@ static QByteArray logName(const QByteArray &path)
     return (dot == 0 || file.isEmpty() ? path : file.left(dot < 0 ? file.size() : dot)).left(textLimit);
 }
 
-// Whether a service and a module have like names, as com.qel.zarn5.gui and zarn5_gui.
-static bool isAlike(const QByteArray &service, const QByteArray &module)
+bool isAlike(const QByteArray &service, const QByteArray &module)
 {
     const int dot = int(service.lastIndexOf('.'));
-    return service == module || ("_" + module).endsWith(dot < 0 ? service : "_" + service.mid(dot + 1));
+    return dot >= 0 && ("_" + module).endsWith("_" + service.mid(dot + 1));
+}
+
+// Returns the module that a name in the log means, which is made if there is none. Too many share the last
+// one.
+static Facts *moduleOf(const QByteArray &name, QList<Facts> *modules)
+{
+    for (Facts &module : *modules) {
+        if (module.value("log_name") == name || module.value("service") == name)
+            return &module;
+    }
+    for (Facts &module : *modules) {
+        if (!module.contains("service") && isAlike(name, module.value("log_name")))
+            return &module;
+    }
+    if (modules->size() < listLimit) {
+        modules->append(Facts());
+        modules->last()["log_name"] = name;
+    }
+    return &modules->last();
 }
 
 void LogState::restart()
@@ -164,8 +172,8 @@ void LogState::add(const LogLine &line)
     const QByteArray name = statement.name.bytes();
     switch (statement.event) {
     case Release: releases += statement.times; break;
-    case Skip: (*module(logName(name)))["skipped_path"] = name.left(textLimit); break;
-    case Launch: (*module(logName(name)))["log_process"] = QByteArray::number(statement.number); break;
+    case Skip: (*moduleOf(logName(name), &modules))["skipped_path"] = name.left(textLimit); break;
+    case Launch: set(moduleOf(logName(name), &modules), "log_process", statement.number); break;
     case Exit: exited(statement, line.stamp); break;
     case Await:
         if (state == Unknown)
@@ -215,12 +223,12 @@ void LogState::await(const QByteArray &name)
 
 static void increase(Facts *facts, const char *name, qint64 by)
 {
-    (*facts)[name] = QByteArray::number(number(*facts, name) + by);
+    set(facts, name, number(*facts, name) + by);
 }
 
 void LogState::exited(const Statement &statement, const Piece &stamp)
 {
-    Facts &exited = *module(logName(statement.name.bytes()));
+    Facts &exited = *moduleOf(logName(statement.name.bytes()), &modules);
     const QByteArray before = exited.value("exits_last");
     const bool again = !before.isEmpty() && clock.read(stamp) - clock.read(before) < crashPeriodMs;
     if (before.isEmpty())
@@ -239,110 +247,68 @@ void LogState::exited(const Statement &statement, const Piece &stamp)
     }
 }
 
-// Returns the module of this name, which is made if there is none. Too many share the last one.
-Facts *LogState::module(const QByteArray &name)
+// Each timestamp gets its time, milliseconds since 1970, and its age, seconds.
+static void addFacts(const Facts &added, qint64 now, Clock *clock, Facts *facts)
 {
-    for (Facts &known : modules) {
-        if (known.value("log_name") == name)
-            return &known;
-    }
-    if (modules.size() < listLimit) {
-        Facts made;
-        made["log_name"] = name;
-        made["exits"] = made["exits_killed"] = "0";
-        modules.append(made);
-    }
-    return &modules.last();
-}
-
-// Each timestamp among the facts gets its time, milliseconds since 1970, and its age, seconds.
-static void addTimes(qint64 now, Clock *clock, Facts *facts)
-{
-    for (const QByteArray &name : facts->keys()) {
-        const QByteArray stamp = facts->value(name);
-        if (stamp.size() != 23 || !startsWithStamp(Piece { stamp.constData(), 23 }))
+    for (const QByteArray &name : added.keys()) {
+        const QByteArray value = added.value(name);
+        (*facts)[name] = value;
+        if (value.size() != 23 || !startsWithStamp(Piece { value.constData(), 23 }))
             continue;
-        const qint64 time = clock->read(stamp);
-        (*facts)[name + "_time"] = QByteArray::number(time);
-        (*facts)[name + "_age"] = QByteArray::number((now - time) / 1000);
+        set(facts, name + "_time", clock->read(value));
+        set(facts, name + "_age", (now - clock->read(value)) / 1000);
     }
 }
 
 void LogState::describeLines(Facts *facts) const
 {
     for (int level = 0; level < LevelCount; ++level)
-        (*facts)[QByteArray("lines_") + levelNames[level]] = QByteArray::number(lines[level]);
-    (*facts)["lines_late"] = QByteArray::number(late);
+        set(facts, QByteArray("lines_") + levelNames[level], lines[level]);
+    set(facts, "lines_late", late);
     (*facts)["delay_sum"] = format("%.3f", double(delaySum) / 1000);
     for (int bucket = 0; bucket <= bucketCount; ++bucket)
-        (*facts)["delay_bucket_" + QByteArray::number(bucket)] = QByteArray::number(delays[bucket]);
-}
-
-// The module of the report that a name in the log means; null if there is none.
-static Facts *findModule(const QByteArray &name, QList<Facts> *modules)
-{
-    for (Facts &module : *modules) {
-        if (module.value("log_name") == name || module.value("service") == name)
-            return &module;
-    }
-    for (Facts &module : *modules) {
-        if (!module.contains("service") && isAlike(name, module.value("log_name")))
-            return &module;
-    }
-    return 0;
+        set(facts, "delay_bucket_" + QByteArray::number(bucket), delays[bucket]);
 }
 
 // Who is awaited. If a name is that of no module, it is not known of the others that they are not.
 void LogState::describeAwaited(Report *report) const
 {
-    bool known = !awaited.isEmpty() || state == Run || state == Shutdown || state == Down;
+    const int modules = int(report->modules.size());
     for (const QByteArray &name : awaited) {
         join(&report->facts["awaited"], name);
-        Facts *module = findModule(name, &report->modules);
-        if (!module) {
-            known = false;
-            report->modules.append(Facts());
-            module = &report->modules.last();
-            (*module)["log_name"] = name;
-        }
-        (*module)["awaited"] = "1";
+        set(moduleOf(name, &report->modules), "awaited", 1);
     }
+    const bool known = awaited.isEmpty() ? state == Run || state == Shutdown || state == Down
+                                         : report->modules.size() == modules;
     for (Facts &module : report->modules) {
         if (known && !module.contains("awaited"))
-            module["awaited"] = "0";
+            set(&module, "awaited", 0);
     }
 }
 
 void LogState::describe(qint64 now, Report *report)
 {
     const QByteArray stamp(last, *last ? int(sizeof last) : 0);
+    const bool isWhole = facts.contains("start");
     if (!now && *last)
         now = clock.read(stamp);
     if (*last)
         facts["log_last"] = stamp;
     if (complete)
         describeLines(&facts);
-    if (facts.contains("start")) {
-        facts["releases"] = QByteArray::number(releases);
-        facts["gap"] = QByteArray::number(gap);
-        if (!shortened)
-            facts["unreleased"]
-                = QByteArray::number(unreleased + (gapStart ? qMax(qint64(0), now - gapStart) : 0));
+    if (isWhole) {
+        set(&facts, "releases", releases);
+        set(&facts, "gap", gap);
     }
-    addTimes(now, &clock, &facts);
-    for (const QByteArray &name : facts.keys())
-        report->facts[name] = facts.value(name);
+    if (isWhole && !shortened)
+        set(&facts, "unreleased", unreleased + (gapStart ? qMax(qint64(0), now - gapStart) : 0));
+    addFacts(facts, now, &clock, &report->facts);
     for (Facts &module : modules) {
-        if (facts.contains("start"))
-            module["skipped"] = module.contains("skipped_path") ? "1" : "0";
-        addTimes(now, &clock, &module);
-        Facts *known = findModule(module.value("log_name"), &report->modules);
-        if (!known) {
-            report->modules.append(Facts());
-            known = &report->modules.last();
-        }
-        for (const QByteArray &name : module.keys())
-            (*known)[name] = module.value(name);
+        set(&module, "exits", number(module, "exits"));
+        set(&module, "exits_killed", number(module, "exits_killed"));
+        if (isWhole)
+            set(&module, "skipped", module.contains("skipped_path"));
+        addFacts(module, now, &clock, moduleOf(module.value("log_name"), &report->modules));
     }
     describeAwaited(report);
 }
@@ -361,9 +327,9 @@ void describeLog(int file, qint64 deadline, bool current, Report *report)
     struct stat status;
     struct statvfs room;
     if (fstat(file, &status) == 0 && S_ISREG(status.st_mode)) {
-        facts["log_size"] = QByteArray::number(qint64(status.st_size));
+        set(&facts, "log_size", qint64(status.st_size));
         if (fstatvfs(file, &room) == 0 && room.f_blocks > 0 && room.f_bavail == 0)
-            facts["log_full"] = "1";
+            set(&facts, "log_full", 1);
     }
     LogReader reader(file);
     LogState state;
@@ -373,17 +339,17 @@ void describeLog(int file, qint64 deadline, bool current, Report *report)
         if (parseLine(line, &parsed))
             state.add(parsed);
         if (deadline && count % linesPerLook == 0 && monotonicMs() > deadline) {
-            facts["log_unread"] = "1";
+            set(&facts, "log_unread", 1);
             return;
         }
     }
     if (reader.error)
         facts["log_error"] = strerror(reader.error);
     if (reader.isEmpty)
-        facts["log_empty"] = "1";
+        set(&facts, "log_empty", 1);
     if (reader.hasHole)
-        facts["log_hole"] = "1";
+        set(&facts, "log_hole", 1);
     if (reader.isJson)
-        facts["log_json"] = "1";
+        set(&facts, "log_json", 1);
     state.describe(current ? qint64(time(0)) * 1000 : 0, report);
 }

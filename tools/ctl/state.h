@@ -33,6 +33,9 @@ struct Statement
 /** Returns whether `line` is a message of keepwatch about itself, and what it says. */
 bool parseStatement(const LogLine &line, Statement *statement);
 
+/** Returns whether a service and a module have like names, as com.qel.zarn5.gui and zarn5_gui. */
+bool isAlike(const QByteArray &service, const QByteArray &module);
+
 static const int bucketCount = 6;
 extern const double buckets[bucketCount]; ///< upper bounds of delays, seconds
 
@@ -54,7 +57,6 @@ private:
     void enter(State entered, const Piece &stamp);
     void await(const QByteArray &name);
     void exited(const Statement &statement, const Piece &stamp);
-    Facts *module(const QByteArray &name);
     void describeLines(Facts *facts) const;
     void describeAwaited(Report *report) const;
 

@@ -12,7 +12,7 @@
 
 static const int defaultSeconds = 4; // of which half is for the answers of the bus, and half for those on it
 
-int openLog(const QByteArray &path, QByteArray *trouble, QByteArray *advice)
+int openLog(const QByteArray &path, Finding *trouble)
 {
     if (path == "-")
         return STDIN_FILENO;
@@ -22,104 +22,78 @@ int openLog(const QByteArray &path, QByteArray *trouble, QByteArray *advice)
     if (file >= 0 && fstat(file, &status) == 0 && S_ISREG(status.st_mode))
         return file;
     close(file);
-    if (file >= 0) {
-        *trouble = "is no regular file";
-        *advice = "name one; a pipe is read as standard input, with - in place of its name";
-    } else if (error == ENOENT || error == ENOTDIR) {
-        *trouble = "does not exist for this user";
-        *advice = "it was rotated a moment ago, or keepwatch logs elsewhere: zarn5ctl status says where";
-    } else {
-        *trouble = QByteArray("cannot be read by this user: ") + QByteArray(strerror(error));
-        *advice = "see its owner and group, and those of its folder";
-    }
+    if (file >= 0)
+        *trouble = { "is no regular file",
+                     "name one; a pipe is read as standard input, with - in place of its name" };
+    else if (error == ENOENT || error == ENOTDIR)
+        *trouble = { "does not exist for this user",
+                     "it was rotated a moment ago, or keepwatch logs elsewhere: zarn5ctl status says where" };
+    else
+        *trouble = { QByteArray("cannot be read by this user: ") + strerror(error),
+                     "see its owner and group, and those of its folder" };
     return -1;
 }
 
 int openLog(const QByteArray &path)
 {
-    QByteArray trouble, advice;
-    const int file = openLog(path, &trouble, &advice);
+    Finding trouble;
+    const int file = openLog(path, &trouble);
     if (file < 0)
-        fprintf(stderr, "zarn5ctl: %s %s; %s\n", escape(path).constData(), trouble.constData(),
-                advice.constData());
+        complain(path + " " + trouble.text + "; " + trouble.advice);
     return file;
 }
 
-// The time of a fact; without the date if it is of the last hours.
-static QByteArray timeOf(const Facts &facts, const QByteArray &name, bool live)
+// Shortens the times among the facts, which have an age; without the date if they are of the last hours.
+static Facts shorten(const Facts &facts, bool live)
 {
-    const QByteArray stamp = facts.value(name).left(19);
-    const qint64 age = facts.value(name + "_age").toLongLong();
-    return live && age >= 0 && age < 43200 ? stamp.mid(11) : stamp;
+    Facts shown = facts;
+    for (const QByteArray &name : facts.keys()) {
+        if (!name.endsWith("_age"))
+            continue;
+        const QByteArray time = name.left(name.size() - 4);
+        const qint64 age = number(facts, name);
+        shown[time] = facts.value(time).left(19).mid(live && age >= 0 && age < 43200 ? 11 : 0);
+        shown[name] = live ? " (" + formatAge(age) + ")" : "";
+    }
+    return shown;
 }
 
-static QByteArray agedOf(const Facts &facts, const QByteArray &name)
+// Returns the facts as the lines of a page show them.
+static Facts describe(const Facts &facts)
 {
-    const bool live = facts.contains("daemon");
-    return timeOf(facts, name, live)
-        + (live ? " (" + formatAge(facts.value(name + "_age").toLongLong()) + ")" : QByteArray());
-}
-
-static QByteArray daemonLine(const Facts &facts)
-{
-    QByteArray line = "process " + facts.value("daemon") + " of " + facts.value("user");
-    line += number(facts, "stopped") ? ", stopped" : ", runs";
-    if (facts.contains("since"))
-        line += " since " + facts.value("since").left(19);
-    line += " (" + formatAge(number(facts, "age")) + ")";
-    return line + (facts.value("folder").isEmpty() ? QByteArray() : ", in " + facts.value("folder"));
-}
-
-static QByteArray stateLine(const Facts &facts)
-{
-    QByteArray line = facts.value("state") + " since " + agedOf(facts, "state_since");
-    if (facts.contains("awaited"))
-        line += ", waits for " + facts.value("awaited");
+    const bool live = facts.contains("daemon"), answers = facts.contains("silent") && !holds("silent", facts);
+    Facts shown = shorten(facts, live);
+    shown["runs"] = number(facts, "stopped") ? "stopped" : "runs";
+    shown["since"] = facts.value("since").left(19);
+    shown["age"] = formatAge(number(facts, "age"));
     if (facts.contains("releases"))
-        line += ", released " + facts.value("releases")
-            + (number(facts, "releases") == 1 ? " time" : " times");
-    if (number(facts, "gap") > 0)
-        line += "; not released for " + formatAge(number(facts, "gap") / 1000) + " before";
-    if (!facts.contains("start"))
-        line += "; the log begins in the middle, at " + facts.value("log_begin").left(19)
-            + ", and earlier exits are not counted";
-    return line;
-}
-
-static QByteArray logLine(const Facts &facts)
-{
-    QByteArray line = facts.value(facts.contains("source") ? "source" : "log");
-    if (facts.contains("log_problem"))
-        line += ", " + facts.value("log_problem");
-    else if (facts.contains("log_file"))
-        line += ", written by keepwatch";
+        shown["releases"] += number(facts, "releases") == 1 ? " time" : " times";
+    shown["gap"] = number(facts, "gap") > 0 ? formatAge(number(facts, "gap") / 1000) : QByteArray();
+    shown["middle"] = facts.contains("start") ? QByteArray() : facts.value("log_begin").left(19);
+    shown["log"] = facts.value("source", facts.value("log"));
+    shown["log_problem"] = facts.value("log_problem", fill("{log_file?written by keepwatch}", facts));
     if (facts.contains("log_size"))
-        line += format(", %.1f MB", double(number(facts, "log_size")) / 1e6);
-    if (facts.contains("log_full"))
-        line += ", on a full disk";
-    if (facts.contains("log_hole"))
-        line += ", truncated while it was written";
-    if (facts.contains("log_last"))
-        line += ", last line " + agedOf(facts, "log_last");
-    if (facts.contains("lines_late"))
-        line += "; " + facts.value("lines_error") + " errors, " + facts.value("lines_warning") + " warnings, "
-            + facts.value("lines_late") + " late";
-    return line;
+        shown["log_size"] = format("%.1f MB", double(number(facts, "log_size")) / 1e6);
+    shown["all"] = answers && number(facts, "connections") ? "answer" : "";
+    return shown;
 }
 
-static QByteArray busLine(const Facts &facts)
+// The lines of a page; those are there whose fact of that name is known.
+static const struct PageLine
 {
-    QByteArray line = facts.value("bus");
-    if (facts.contains("bus_ms"))
-        line += " in " + facts.value("bus_ms") + " ms";
-    if (facts.contains("connections"))
-        line += "; " + facts.value("connections") + " connections of keepwatch";
-    if (!facts.value("silent").isEmpty())
-        line += ", silent: " + facts.value("silent");
-    else if (facts.contains("silent") && number(facts, "connections"))
-        line += " answer";
-    return line;
-}
+    const char *name, *form;
+} pageLines[] = {
+    { "daemon", "process {daemon} of {user}, {runs}{since? since %} ({age}){folder?, in %}" },
+    { "state",
+      "{state} since {state_since}{state_since_age}{awaited?, waits for %}{releases?, released %}"
+      "{gap?; not released for % before}"
+      "{middle?; the log begins in the middle, at %, and earlier exits are not counted}" },
+    { "log",
+      "{log}{log_problem?, %}{log_size?, %}{log_full?, on a full disk}"
+      "{log_hole?, truncated while it was written}{log_last?, last line %}{log_last_age}"
+      "{lines_error?; % errors}{lines_warning?, % warnings}{lines_late?, % late}" },
+    { "bus", "{bus}{bus_ms? in % ms}{connections?; % connections of keepwatch}{silent?, silent: %}{all? %}" },
+};
 
 static QByteArray processOf(const Facts &module)
 {
@@ -131,18 +105,15 @@ static QByteArray processOf(const Facts &module)
 static QByteArray serviceOf(const Facts &facts, const Facts &module)
 {
     if (module.contains("answers"))
-        return number(module, "answers") ? "answers in " + module.value("ms") + " ms"
-                                         : QByteArray("does not answer");
+        return fill(number(module, "answers") ? "answers in {ms} ms" : "does not answer", module);
     return facts.contains("connections") && !module.contains("owner") ? "not connected" : "not asked";
 }
 
-static QByteArray exitsOf(const Facts &module, bool live)
+static QByteArray exitsOf(const Facts &module)
 {
-    QByteArray text = module.contains("exits") ? module.value("exits") : QByteArray("not known");
-    if (number(module, "exits") > 0)
-        text += " (" + module.value("exits_killed") + " by a signal), first "
-            + timeOf(module, "exits_first", live) + ", last " + timeOf(module, "exits_last", live);
-    return text;
+    return number(module, "exits") > 0
+        ? fill("{exits} ({exits_killed} by a signal), first {exits_first}, last {exits_last}", module)
+        : module.value("exits", "not known");
 }
 
 static void printModules(const Report &report)
@@ -157,28 +128,22 @@ static void printModules(const Report &report)
         print(escape(nameOf(module)).leftJustified(width + 3)
               + (isLog ? "" : processOf(module).leftJustified(19))
               + (live ? serviceOf(report.facts, module).leftJustified(19) : "")
-              + escape(exitsOf(module, live)) + "\n");
-}
-
-static void printFact(const Facts &facts, const char *needed, const QByteArray &name, const QByteArray &text)
-{
-    if (facts.contains(needed))
-        print(name.leftJustified(9) + escape(text) + "\n");
+              + escape(exitsOf(shorten(module, live))) + "\n");
 }
 
 static void printPage(const Report &report, const Verdict &verdict)
 {
-    const Facts &facts = report.facts;
     print(escape(headline(report, verdict)) + "\n");
     const QList<Finding> findings = verdict.faults + verdict.doubts;
     for (int i = 0; i < findings.size(); ++i)
         print((i ? "and " + escape(findings[i].text) + "\n" : QByteArray()) + "   -> "
               + escape(findings[i].advice) + "\n");
     print("\n");
-    printFact(facts, "daemon", "daemon", daemonLine(facts));
-    printFact(facts, "state", "state", stateLine(facts));
-    printFact(facts, facts.contains("source") ? "source" : "log", "log", logLine(facts));
-    printFact(facts, "bus", "bus", busLine(facts));
+    const Facts shown = describe(report.facts);
+    for (const PageLine &line : pageLines) {
+        if (holds(line.name, shown))
+            print(QByteArray(line.name).leftJustified(9) + escape(fill(line.form, shown)) + "\n");
+    }
     if (!report.modules.isEmpty())
         printModules(report);
 }
@@ -230,9 +195,7 @@ static bool writeWhole(const QByteArray &path, const QByteArray &text)
     const bool written = file >= 0 && write(file, text.constData(), size_t(text.size())) == text.size();
     if (file >= 0 && close(file) == 0 && written && rename(made.constData(), path.constData()) == 0)
         return true;
-    fprintf(stderr,
-            "zarn5ctl: %s stays as it is: there is no room, or this user may not write into its folder\n",
-            escape(path).constData());
+    complain(path + " stays as it is: there is no room, or this user may not write into its folder");
     unlink(made.constData());
     return false;
 }
@@ -240,12 +203,12 @@ static bool writeWhole(const QByteArray &path, const QByteArray &text)
 static void addSurroundings(bool runs, Facts *facts)
 {
     if (runs || seesAllProcesses())
-        (*facts)["up"] = runs ? "1" : "0";
+        set(facts, "up", runs);
     else
-        (*facts)["hidden"] = "1";
+        set(facts, "hidden", 1);
     for (const QByteArray &folder : qgetenv("PATH").split(':')) {
         if (access((folder + "/keepwatch").constData(), X_OK) == 0)
-            (*facts)["installed"] = "1";
+            set(facts, "installed", 1);
     }
 }
 
@@ -267,11 +230,11 @@ static QList<Report> findReports(const Options &options)
     if (!isLog)
         return reports;
     facts["source"] = isInput ? QByteArray("standard input") : options.log;
-    QByteArray trouble, advice;
-    const int file = openLog(options.log, &trouble, &advice);
+    Finding trouble;
+    const int file = openLog(options.log, &trouble);
     if (file < 0) {
-        facts["trouble"] = trouble;
-        facts["trouble_advice"] = advice;
+        facts["trouble"] = trouble.text;
+        facts["trouble_advice"] = trouble.advice;
         return reports;
     }
     const qint64 deadline = options.seconds ? monotonicMs() + seconds * 1000 : 0;
@@ -284,7 +247,7 @@ static int writeMetrics(const Report &report, const QByteArray &file)
     const Verdict verdict = judge(report);
     const bool isKnown = report.facts.contains("state");
     if (!isKnown)
-        fprintf(stderr, "zarn5ctl: %s\n", escape(headline(report, verdict)).constData());
+        complain(headline(report, verdict));
     if (!file.isEmpty())
         return writeWhole(file, metricsOf(report)) && isKnown ? 0 : 1;
     print(metricsOf(report));

@@ -1,5 +1,7 @@
 #include "text.h"
 
+#include <QString>
+
 #include <cstdarg>
 #include <cstdio>
 
@@ -13,22 +15,26 @@ Piece Piece::trimmed() const
     return text;
 }
 
+bool Piece::cutEnd(const char *text, size_t length)
+{
+    if (size < length || memcmp(end() - length, text, length) != 0)
+        return false;
+    size -= length;
+    return true;
+}
+
 // Returns the length of the UTF-8 character in front, and its code; 0 if there is none.
 static size_t readCharacter(const Piece &text, unsigned *code)
 {
-    static const unsigned smallest[] = { 0, 0, 0x80, 0x800, 0x10000 };
-    const unsigned char first = text.begin[0];
-    const size_t length = first < 0x80 ? 1 : first < 0xe0 ? 2 : first < 0xf0 ? 3 : 4;
-    *code = length == 1 ? first : first & (0x7f >> length);
-    if (length > text.size || (first >= 0x80 && first < 0xc2))
-        return 0;
-    for (size_t i = 1; i < length; ++i) {
-        if ((text.begin[i] & 0xc0) != 0x80)
-            return 0;
-        *code = *code << 6 | (text.begin[i] & 0x3f);
-    }
-    const bool surrogate = *code >= 0xd800 && *code < 0xe000;
-    return *code < smallest[length] || *code > 0x10ffff || surrogate ? 0 : length;
+    const unsigned char first = *text.begin;
+    *code = first;
+    if (first < 0x80)
+        return 1;
+    const size_t length = first < 0xe0 ? 2 : first < 0xf0 ? 3 : 4;
+    const QByteArray character(text.begin, int(qMin(length, text.size)));
+    const QString read = QString::fromUtf8(character);
+    *code = read.toUcs4().value(0);
+    return read.toUtf8() == character ? length : 0;
 }
 
 // Returns what stands for a character that cannot be itself. A terminal takes the codes up to U+009F for
@@ -79,6 +85,36 @@ QByteArray format(const char *form, ...)
     return text;
 }
 
+bool holds(const char *condition, const Facts &facts)
+{
+    for (const QByteArray &word : QByteArray(condition).split(' ')) {
+        const bool negated = word.startsWith('!');
+        const QList<QByteArray> parts = word.mid(negated ? 1 : 0).split('=');
+        const QByteArray value = facts.value(parts[0]);
+        const bool isSet = !value.isEmpty() && value != "0";
+        if (negated == (parts.size() == 1 ? isSet : value == parts[1]))
+            return false;
+    }
+    return true;
+}
+
+QByteArray fill(const QByteArray &form, const Facts &facts)
+{
+    QList<QByteArray> parts = form.split('{');
+    QByteArray text = parts.takeFirst();
+    for (const QByteArray &part : parts) {
+        const int end = int(part.indexOf('}'));
+        const QList<QByteArray> slot = part.left(end).split('?');
+        const QByteArray value = facts.value(slot[0]);
+        if (slot.size() == 1)
+            text += value;
+        else if (!value.isEmpty())
+            text += QByteArray(slot[1]).replace("%", value);
+        text += part.mid(end + 1);
+    }
+    return text;
+}
+
 QByteArray formatAge(qint64 seconds)
 {
     if (seconds < 0)
@@ -96,6 +132,11 @@ void join(QByteArray *list, const QByteArray &item, const char *separator)
     *list += (list->isEmpty() ? "" : separator) + item;
 }
 
+void complain(const QByteArray &text)
+{
+    fprintf(stderr, "zarn5ctl: %s\n", escape(text).constData());
+}
+
 void print(const QByteArray &text)
 {
     fwrite(text.constData(), 1, size_t(text.size()), stdout);
@@ -105,7 +146,7 @@ bool finishOutput()
 {
     if (fflush(stdout) == 0 && !ferror(stdout))
         return true;
-    fputs("zarn5ctl: the output cannot be written; make room on its disk\n", stderr);
+    complain("the output cannot be written; make room on its disk");
     return false;
 }
 

@@ -5,289 +5,213 @@ static const int loopExits
 static const int crashPeriod = 300; // seconds
 static const int patience = 10; // seconds that a start or a launch may take
 
+namespace {
+
+enum Kind { Fault, Doubt };
+
+// What is found if the condition holds; see holds and fill. Of the rules of a group, the first one counts.
+struct Rule
+{
+    const char *group;
+    Kind kind;
+    const char *condition, *text, *advice;
+};
+
+}
+
+// A keepwatch that does not run, or has neither modules nor a log yet. No other rule applies then.
+static const Rule startRules[] = {
+    { "start", Doubt, "dead hidden",
+      "no keepwatch is seen, but the processes of others are hidden from this user", "ask as root" },
+    { "start", Doubt, "dead !installed",
+      "keepwatch does not run, and this user has neither its settings nor its executable",
+      "ask as the user of keepwatch, or install it" },
+    { "start", Fault, "dead", "keepwatch does not run{end}{left?; still there: %}",
+      "start it{left?, which ends the modules that are left}" },
+    { "start", Fault, "connecting !stopped", "keepwatch has started but is not connected to its bus yet",
+      "ask again in 10 s" },
+};
+
+static const Rule daemonRules[] = {
+    { "end", Fault, "up=0 state !state=down", "keepwatch does not run{end}", "start it" },
+    { "bus", Fault, "bus=silent bus_stopped",
+      "the bus daemon (process {bus_process}) is stopped, and keepwatch and its modules wait for it",
+      "kill -CONT {bus_process}" },
+    { "bus", Fault, "bus=silent",
+      "the bus daemon{bus_process? (process %)} hangs, and keepwatch and its modules wait for it",
+      "end it, not keepwatch, which would wait for it again{bus_process?: kill -KILL %}; it listens at "
+      "{bus_address}" },
+    { "bus", Fault, "bus=gone", "the bus daemon is gone: nobody listens at {bus_address}",
+      "start a bus daemon, and then restart keepwatch" },
+    { "bus", Doubt, "bus=refused", "the bus at {bus_address} does not accept {user}",
+      "see that keepwatch and its bus daemon run as the same user" },
+    { "bus", Doubt, "bus=unknown", "the environment of keepwatch names no bus",
+      "restart keepwatch with DBUS_SESSION_BUS_ADDRESS" },
+    { "bus", Fault, "connections=1",
+      "keepwatch has one of its two connections to the bus, and so gets no log lines",
+      "ask again in 10 s; if it is still so, restart keepwatch" },
+    { "bus", Fault, "connections=0 bus_younger",
+      "keepwatch does not use the bus at {bus_address} (bus daemon: process {bus_process}), which is a new "
+      "one",
+      "restart keepwatch, so that it and its modules use the new bus" },
+    { "bus", Fault, "connections=0",
+      "keepwatch runs but is not connected to the bus at {bus_address} (bus daemon: process {bus_process})",
+      "restart keepwatch" },
+    { "stop", Fault, "stopped", "keepwatch is frozen: process {daemon} is stopped",
+      "kill -CONT {daemon}, or, if a service manager restarts it, kill -KILL {daemon}" },
+    { "look", Doubt, "problem", "keepwatch (process {daemon}) cannot be looked into", "{problem}" },
+    { "look", Doubt, "late", "keepwatch (process {daemon}) was not looked into in time",
+      "ask with a larger --limit" },
+};
+
+static const Rule moduleRules[] = {
+    { "module", Fault, "skipped exists",
+      "{name} is skipped: {skipped_path} did not exist when keepwatch started",
+      "it exists now: restart keepwatch" },
+    { "module", Fault, "skipped", "{name} is skipped: {skipped_path} did not exist when keepwatch started",
+      "install it, or correct its path in the settings, and restart keepwatch" },
+    { "module", Fault, "stopped", "{name} is frozen: process {process} is stopped{consequence}",
+      "kill -CONT {process}, or kill -KILL {process}{restart}" },
+    { "module", Fault, "answers=0", "{name} hangs: it does not answer on the bus{consequence}",
+      "ask again in 10 s; if it still hangs, kill -KILL {killed}{restart}" },
+    { "module", Fault, "loops", "{name} keeps exiting, {streak} times since {streak_begin}, last {last_exit}",
+      "its last output is above each \"ended unexpectedly\" in the log{last_words?: \"%\"}" },
+    { "module", Fault, "launched exists=0", "{name} is missing: there is no {path}",
+      "install it, or correct {name}/path in the settings" },
+    { "module", Fault, "settled launched !process", "{name} does not run: keepwatch has no process of it",
+      "see in the log why; {path} must be executable" },
+    { "module", Fault, "settled absent launched", "{name} is not connected: nobody owns {service}",
+      "see its output in the log: it must own that name on the bus of keepwatch" },
+    { "module", Fault, "settled absent required", "{name} is not connected: nobody owns {service}",
+      "start it, since keepwatch does not" },
+    { "module", Fault, "settled foreign",
+      "{service} is owned by process {owner}, which is not the {name} of keepwatch",
+      "end that process; {name} takes the name at its next launch" },
+};
+
+// A module that holds keepwatch up is the cause of a hang; keepwatch is not to be killed then.
+static const Rule logRules[] = {
+    { "hang", Fault, "silent !stopped !held",
+      "keepwatch hangs: process {daemon} does not answer, and no module holds it up",
+      "ask again in 10 s; if it still hangs, see who reads its output and the system log, then kill -KILL "
+      "{daemon}" },
+    { "log", Fault, "log_problem=deleted",
+      "the log {log} was deleted, and keepwatch still writes the deleted file",
+      "restart keepwatch; before, what is in it can be copied from /proc/{daemon}/fd/{log_descriptor}" },
+    { "log", Fault, "log_problem=moved",
+      "keepwatch writes its log to {log_file}, but the settings name {log}",
+      "restart keepwatch: the file was moved, or the settings were changed" },
+    { "log", Fault, "log_problem=unwritable",
+      "the log {log} cannot be written ({log_refusal}), and all lines are lost",
+      "correct its folder or its rights, and restart keepwatch" },
+    { "log", Fault, "log_problem=unwritten", "nobody writes the log {log}",
+      "restart keepwatch: at its start the file could not be opened, or was not in the settings" },
+    { "log", Doubt, "log_problem=unreadable", "the log {log_file} cannot be read by this user",
+      "ask as root" },
+    { "disk", Doubt, "log_full source", "the log lies on a full disk, and may lack what came last",
+      "make room on that disk" },
+    { "disk", Fault, "log_full", "the log lies on a full disk, and may lack what came last",
+      "make room on that disk" },
+    { "state", Fault, "state !state=running",
+      "keepwatch is {state} since {state_since}{awaited?, waits for %}",
+      "if it stays so, see the end of the log, and run zarn5ctl check" },
+    { "state", Doubt, "untold trouble", "{source} {trouble}", "{trouble_advice}" },
+    { "state", Doubt, "untold log !log_file", "the state is not known, because keepwatch logs to {log} only",
+      "set logging/logfile, or give that output; of syslog: journalctl -o cat -t torvi | zarn5ctl status -" },
+    { "state", Doubt, "untold log_unread", "the log is too long to be read in time", "ask with --limit 60" },
+    { "state", Doubt, "untold log_error", "{what} cannot be read: {log_error}",
+      "see to the disk of the log" },
+    { "state", Doubt, "untold log_json", "{what} is JSON, not a log",
+      "give the lines alone: journalctl -o cat -t torvi | zarn5ctl status -" },
+    { "state", Doubt, "untold log_empty",
+      "{what} is empty: it was just begun, rotated, or truncated, or its disk is full",
+      "see df, or give the log before it, too: cat LOG.1 LOG | zarn5ctl status -" },
+    { "state", Doubt, "untold middle",
+      "{what} begins in the middle{log_begin?, at %}, and no state is told in it",
+      "give the log before it, too: cat LOG.1 LOG | zarn5ctl status -" },
+    { "state", Doubt, "untold", "{what} is no log of keepwatch",
+      "zarn5ctl check prints where keepwatch logs" },
+};
+
 QByteArray nameOf(const Facts &module)
 {
     return module.value(module.contains("name") ? "name" : "log_name");
 }
 
-static void add(QList<Finding> *findings, const QByteArray &text, const QByteArray &advice)
+// Adds what the rules say of a module, or need of it.
+static void prepareModule(bool settled, Facts *facts, Facts *module)
 {
-    findings->append(Finding { text, advice });
+    const bool loops
+        = number(*module, "streak") >= loopExits && number(*module, "exits_last_age") < crashPeriod;
+    (*module)["name"] = nameOf(*module);
+    (*module)["killed"] = module->value("process", module->value("owner"));
+    (*module)["restart"] = number(*module, "launched") ? ", and keepwatch restarts it" : "";
+    set(module, "settled", settled);
+    set(module, "absent", facts->contains("connections") && !module->contains("owner"));
+    set(module, "loops", loops);
+    (*module)["streak_begin"] = module->value("streak_since").mid(11, 8);
+    (*module)["last_exit"] = formatAge(number(*module, "exits_last_age"))
+        + (facts->contains("daemon") ? " ago" : " before the log ends");
+    (*module)["consequence"] = fill("{silent?, and keepwatch waits for it in a call}", *facts);
+    if (holds("stopped", *module) || holds("answers=0", *module))
+        set(facts, "held", 1);
+    if (module->contains("process"))
+        join(&(*facts)["left"], fill("{name} (process {process})", *module));
+    if (holds("process", *module) || holds("exists", *module))
+        set(facts, "installed", 1);
 }
 
-static bool isSilent(const Facts &facts)
+// The same of keepwatch.
+static void prepare(Facts *facts, QList<Facts> *modules)
 {
-    return !facts.value("silent").isEmpty();
+    const QByteArray state = facts->value("state");
+    const qint64 connections = facts->value("connections", "2").toLongLong();
+    const bool isSeen
+        = facts->contains("since") && (!holds("connections", *facts) || facts->contains("silent"));
+    const bool isRead = !facts->contains("problem") && !facts->value("log_problem").startsWith("un");
+    set(facts, "dead", !facts->contains("daemon") && !facts->contains("source"));
+    set(facts, "connecting", connections < 2 && number(*facts, "age") < patience);
+    set(facts, "late", facts->contains("daemon") && !isSeen);
+    set(facts, "untold", state.isEmpty() && isRead);
+    set(facts, "middle", holds("log_begin", *facts) || holds("log_hole", *facts));
+    (*facts)["what"] = facts->value("source", "the log");
+    (*facts)["end"] = fill(state == "down" ? ", shut down at {state_since}"
+                                           : "{state?, and ended without a shutdown: it was % since }"
+                                             "{state_since}",
+                           *facts);
+    if (facts->contains("settings"))
+        set(facts, "installed", 1);
+    const bool settled
+        = state.isEmpty() || state == "running" || number(*facts, "state_since_age") >= patience;
+    for (Facts &module : *modules)
+        prepareModule(settled, facts, &module);
 }
 
-static void judgeBusDaemon(const Facts &facts, Verdict *verdict)
+template <int count> static void apply(const Rule (&rules)[count], const Facts &facts, Verdict *verdict)
 {
-    const QByteArray bus = facts.value("bus"), id = facts.value("bus_process"),
-                     address = facts.value("bus_address");
-    const QByteArray busDaemon = "the bus daemon" + (id.isEmpty() ? id : " (process " + id + ")");
-    if (bus == "silent" && number(facts, "bus_stopped"))
-        add(&verdict->faults, busDaemon + " is stopped, and keepwatch and its modules wait for it",
-            "kill -CONT " + id);
-    else if (bus == "silent")
-        add(&verdict->faults, busDaemon + " hangs, and keepwatch and its modules wait for it",
-            "end it, not keepwatch, which would wait for it again: kill -KILL "
-                + (id.isEmpty() ? "(who listens at " + address + ")" : id));
-    else if (bus == "gone")
-        add(&verdict->faults, "the bus daemon is gone: nobody listens at " + address,
-            "start a bus daemon, and then restart keepwatch");
-    else if (bus == "refused")
-        add(&verdict->doubts, "the bus at " + address + " does not accept " + facts.value("user"),
-            "see that keepwatch and its bus daemon run as the same user");
-    else if (bus == "unknown")
-        add(&verdict->doubts, "the environment of keepwatch names no bus",
-            "restart keepwatch with DBUS_SESSION_BUS_ADDRESS");
-}
-
-// On a bus that answers, the daemon must have two connections.
-static void judgeConnections(const Facts &facts, Verdict *verdict)
-{
-    const bool isKnown = facts.value("bus") == "answers" && facts.contains("connections");
-    const QByteArray bus
-        = facts.value("bus_address") + " (bus daemon: process " + facts.value("bus_process") + ")";
-    if (!isKnown || number(facts, "connections") >= 2)
-        return;
-    if (number(facts, "connections") == 1)
-        add(&verdict->faults, "keepwatch has one of its two connections to the bus, and so gets no log lines",
-            "ask again in 10 s; if it is still so, restart keepwatch");
-    else if (number(facts, "bus_younger"))
-        add(&verdict->faults, "keepwatch does not use the bus at " + bus + ", which is a new one",
-            "restart keepwatch, so that it and its modules use the new bus");
-    else
-        add(&verdict->faults, "keepwatch runs but is not connected to the bus at " + bus,
-            "restart keepwatch");
-}
-
-static void judgeDaemon(const Facts &facts, Verdict *verdict)
-{
-    const QByteArray id = facts.value("daemon");
-    if (number(facts, "stopped"))
-        add(&verdict->faults, "keepwatch is frozen: process " + id + " is stopped",
-            "kill -CONT " + id + ", or, if a service manager restarts it, kill -KILL " + id);
-    if (facts.contains("problem"))
-        add(&verdict->doubts, "keepwatch (process " + id + ") cannot be looked into", facts.value("problem"));
-    else if (!facts.contains("since") || (number(facts, "connections") > 0 && !facts.contains("silent")))
-        add(&verdict->doubts, "keepwatch (process " + id + ") was not looked into in time",
-            "ask with a larger --limit");
-}
-
-// A module that holds keepwatch up is the cause; keepwatch is not to be killed then.
-static void judgeHang(const Facts &facts, bool aModuleHangs, Verdict *verdict)
-{
-    const QByteArray id = facts.value("daemon");
-    if (isSilent(facts) && !number(facts, "stopped") && !aModuleHangs)
-        add(&verdict->faults,
-            "keepwatch hangs: process " + id + " does not answer, and no module holds it up",
-            "ask again in 10 s; if it still hangs, see who reads its output and the system log, then kill "
-            "-KILL "
-                + id);
-}
-
-static bool isLooping(const Facts &module)
-{
-    return number(module, "streak") >= loopExits && number(module, "exits_last_age") < crashPeriod;
-}
-
-// What is wrong with a module that answers or should. `*text` stays empty if nothing is.
-static Finding judgeLife(const Facts &facts, const Facts &module)
-{
-    const QByteArray name = nameOf(module), id = module.value("process"), service = module.value("service");
-    const QByteArray consequence = isSilent(facts) ? ", and keepwatch waits for it in a call" : "";
-    const QByteArray kill = "kill -KILL " + (id.isEmpty() ? module.value("owner") : id)
-        + (number(module, "launched") ? ", and keepwatch restarts it" : "");
-    if (number(module, "stopped"))
-        return { name + " is frozen: process " + id + " is stopped" + consequence,
-                 "kill -CONT " + id + ", or " + kill };
-    if (module.value("answers") == "0")
-        return { name + " hangs: it does not answer on the bus" + consequence,
-                 "ask again in 10 s; if it still hangs, " + kill };
-    if (isLooping(module))
-        return { name + " keeps exiting, " + module.value("streak") + " times since "
-                     + module.value("streak_since").mid(11, 8) + ", last "
-                     + formatAge(number(module, "exits_last_age"))
-                     + (facts.contains("daemon") ? " ago" : " before the log ends"),
-                 "its last output is above each \"ended unexpectedly\" in the log"
-                     + (module.contains("last_words") ? ": \"" + module.value("last_words") + "\"" : "") };
-    return Finding();
-}
-
-// What is wrong with a module that is not there.
-static Finding judgePresence(const Facts &facts, const Facts &module)
-{
-    const QByteArray name = nameOf(module), path = module.value("path"), service = module.value("service");
-    const bool launched = number(module, "launched"), running = facts.value("state") == "running";
-    const bool isSettled
-        = !facts.contains("state") || running || number(facts, "state_since_age") >= patience;
-    if (number(module, "exists") == 0 && launched)
-        return { name + " is missing: there is no " + path,
-                 "install it, or correct " + name + "/path in the settings" };
-    if (!isSettled)
-        return Finding();
-    if (launched && !module.contains("process"))
-        return { name + " does not run: keepwatch has no process of it",
-                 "see in the log why; " + path + " must be executable" };
-    if (facts.contains("connections") && !module.contains("owner")
-        && (launched || number(module, "required")))
-        return { name + " is not connected: nobody owns " + service,
-                 launched ? "see its output in the log: it must own that name on the bus of keepwatch"
-                          : "start it, since keepwatch does not" };
-    if (number(module, "foreign"))
-        return { service + " is owned by process " + module.value("owner") + ", which is not the " + name
-                     + " of keepwatch",
-                 "end that process; " + name + " takes the name at its next launch" };
-    return Finding();
-}
-
-static void judgeModule(const Facts &facts, const Facts &module, Verdict *verdict)
-{
-    Finding finding = judgeLife(facts, module);
-    if (number(module, "skipped"))
-        finding = { nameOf(module) + " is skipped: " + module.value("skipped_path")
-                        + " did not exist when keepwatch started",
-                    number(module, "exists")
-                        ? "it exists now: restart keepwatch"
-                        : "install it, or correct its path in the settings, and restart keepwatch" };
-    else if (finding.text.isEmpty() && facts.contains("daemon") && module.contains("name"))
-        finding = judgePresence(facts, module);
-    if (!finding.text.isEmpty())
-        verdict->faults.append(finding);
-}
-
-static void judgeLog(const Facts &facts, Verdict *verdict)
-{
-    const QByteArray log = facts.value("log"), file = facts.value("log_file"),
-                     problem = facts.value("log_problem");
-    if (problem == "deleted")
-        add(&verdict->faults, "the log " + log + " was deleted, and keepwatch still writes the deleted file",
-            "restart keepwatch; before, what is in it can be copied from /proc/" + facts.value("daemon")
-                + "/fd/" + facts.value("log_descriptor"));
-    else if (problem == "moved")
-        add(&verdict->faults, "keepwatch writes its log to " + file + ", but the settings name " + log,
-            "restart keepwatch: the file was moved, or the settings were changed");
-    else if (problem == "unwritable")
-        add(&verdict->faults,
-            "the log " + log + " cannot be written (" + facts.value("log_refusal")
-                + "), and all lines are lost",
-            "correct its folder or its rights, and restart keepwatch");
-    else if (problem == "unwritten")
-        add(&verdict->faults, "nobody writes the log " + log,
-            "restart keepwatch: at its start the file could not be opened, or was not in the settings");
-    else if (problem == "unreadable")
-        add(&verdict->doubts, "the log " + file + " cannot be read by this user", "ask as root");
-    if (number(facts, "log_full"))
-        add(facts.contains("source") ? &verdict->doubts : &verdict->faults,
-            "the log lies on a full disk, and may lack what came last", "make room on that disk");
-}
-
-// Why a log does not tell the state.
-static Finding doubtState(const Facts &facts)
-{
-    const QByteArray source = facts.contains("source") ? facts.value("source") : QByteArray("the log");
-    const QByteArray begin = facts.value("log_begin"),
-                     pipe = "journalctl -o cat -t torvi | zarn5ctl status -";
-    if (facts.contains("trouble"))
-        return { source + " " + facts.value("trouble"), facts.value("trouble_advice") };
-    if (facts.value("log") == "syslog")
-        return { "the state is not known, because keepwatch logs to syslog only", "ask its log: " + pipe };
-    if (facts.value("log") == "standard output" && !facts.contains("log_file"))
-        return { "the state is not known, because keepwatch logs to standard output only",
-                 "set logging/logfile, or read that output: ... | zarn5ctl status -" };
-    if (facts.contains("log_unread"))
-        return { "the log is too long to be read in time", "ask with --limit 60" };
-    if (facts.contains("log_error"))
-        return { source + " cannot be read: " + facts.value("log_error"), "see to the disk of the log" };
-    if (facts.contains("log_json"))
-        return { source + " is JSON, not a log", "give the lines alone: " + pipe };
-    if (facts.contains("log_empty"))
-        return { source + " is empty: it was just begun, rotated, or truncated, or its disk is full",
-                 "see df, or give the log before it, too: cat LOG.1 LOG | zarn5ctl status -" };
-    if (!begin.isEmpty() || facts.contains("log_hole"))
-        return { source + " begins in the middle" + (begin.isEmpty() ? begin : ", at " + begin)
-                     + ", and no state is told in it",
-                 "give the log before it, too: cat LOG.1 LOG | zarn5ctl status -" };
-    return { source + " is no log of keepwatch", "zarn5ctl check prints where keepwatch logs" };
-}
-
-static void judgeState(const Facts &facts, Verdict *verdict)
-{
-    const QByteArray state = facts.value("state"), awaited = facts.value("awaited");
-    const bool isExplained
-        = facts.contains("problem") || facts.value("log_problem").startsWith("un"); // not read
-    if (state.isEmpty() && !isExplained)
-        verdict->doubts.append(doubtState(facts));
-    if (state.isEmpty() || state == "running")
-        return;
-    add(&verdict->faults,
-        "keepwatch is " + state + " since " + facts.value("state_since")
-            + (awaited.isEmpty() ? "" : ", waits for " + awaited),
-        "if it stays so, see the end of the log, and run zarn5ctl check");
-}
-
-// How a keepwatch has ended that does not run, as its log says.
-static QByteArray endOf(const Facts &facts)
-{
-    const QByteArray state = facts.value("state"), since = facts.value("state_since");
-    if (state == "down")
-        return ", shut down at " + since;
-    return state.isEmpty() ? state : ", and ended without a shutdown: it was " + state + " since " + since;
-}
-
-static Verdict judgeDead(const Report &report)
-{
-    const Facts &facts = report.facts;
-    Verdict verdict;
-    QByteArray left;
-    bool isInstalled = facts.contains("settings") || facts.contains("installed");
-    for (const Facts &module : report.modules) {
-        if (module.contains("process"))
-            join(&left, nameOf(module) + " (process " + module.value("process") + ")");
-        isInstalled = isInstalled || module.contains("process") || number(module, "exists");
+    QByteArray group;
+    for (const Rule &rule : rules) {
+        if (group == rule.group || !holds(rule.condition, facts))
+            continue;
+        group = rule.group;
+        (rule.kind == Fault ? verdict->faults : verdict->doubts)
+            .append(Finding { fill(rule.text, facts), fill(rule.advice, facts) });
     }
-    if (facts.contains("hidden"))
-        add(&verdict.doubts, "no keepwatch is seen, but the processes of others are hidden from this user",
-            "ask as root");
-    else if (!isInstalled)
-        add(&verdict.doubts,
-            "keepwatch does not run, and this user has neither its settings nor its executable",
-            "ask as the user of keepwatch, or install it");
-    else
-        add(&verdict.faults,
-            "keepwatch does not run" + endOf(facts) + (left.isEmpty() ? left : "; still there: " + left),
-            left.isEmpty() ? "start it" : "start it, which ends the modules that are left");
-    return verdict;
 }
 
 Verdict judge(const Report &report)
 {
-    const Facts &facts = report.facts;
-    if (!facts.contains("daemon") && !facts.contains("source"))
-        return judgeDead(report);
+    Facts facts = report.facts;
+    QList<Facts> modules = report.modules;
+    prepare(&facts, &modules);
     Verdict verdict;
-    if (facts.value("bus") == "answers" && facts.contains("connections") && number(facts, "connections") < 2
-        && number(facts, "age") < patience && !number(facts, "stopped")) {
-        add(&verdict.faults, "keepwatch has started but is not connected to its bus yet",
-            "ask again in 10 s");
-        return verdict; // it has neither modules nor a log yet
-    }
-    if (facts.value("up") == "0" && facts.contains("state") && facts.value("state") != "down")
-        add(&verdict.faults, "keepwatch does not run" + endOf(facts), "start it");
-    if (facts.contains("daemon")) {
-        judgeBusDaemon(facts, &verdict);
-        judgeConnections(facts, &verdict);
-        judgeDaemon(facts, &verdict);
-    }
-    bool aModuleHangs = false;
-    for (const Facts &module : report.modules) {
-        judgeModule(facts, module, &verdict);
-        aModuleHangs = aModuleHangs || number(module, "stopped") || module.value("answers") == "0";
-    }
-    judgeHang(facts, aModuleHangs, &verdict);
-    judgeLog(facts, &verdict);
-    judgeState(facts, &verdict);
+    apply(startRules, facts, &verdict);
+    if (verdict.status())
+        return verdict;
+    apply(daemonRules, facts, &verdict);
+    for (const Facts &module : modules)
+        apply(moduleRules, module, &verdict);
+    apply(logRules, facts, &verdict);
     return verdict;
 }
 
@@ -302,6 +226,6 @@ QByteArray headline(const Report &report, const Verdict &verdict)
         if (number(module, "answers"))
             join(&names, nameOf(module));
     }
-    const QByteArray running = "WELL: running since " + report.facts.value("state_since");
-    return names.isEmpty() ? running : running + "; all answer: " + names;
+    return "WELL: running since " + report.facts.value("state_since")
+        + (names.isEmpty() ? names : "; all answer: " + names);
 }
