@@ -38,8 +38,8 @@ public:
     void publish(const QByteArray &line, qint64 deadline);
 
     /**
-     * Receives from now on what matches one of the `rules`, whatever its destination, and can send nothing more.
-     * Returns false if the bus daemon refuses that, or has not answered after `limitMs`.
+     * Receives from now on what matches one of the `rules`, whatever its destination, and can send nothing
+     * more. Returns false if the bus daemon refuses that, or has not answered after `limitMs`.
      */
     bool becomeMonitor(const QList<QByteArray> &rules, int limitMs);
     int descriptor() const; ///< readable when something has arrived or the connection has ended
