@@ -1,11 +1,9 @@
 #include "oldlogs.h"
 
-#include "settings.h"
+#include "check.h"
 #include "text.h"
 
-#include <QFile>
 #include <QFileInfo>
-#include <QSettings>
 #include <QStringList>
 
 #include <cerrno>
@@ -65,7 +63,8 @@ static void keepEnd(const QString &log)
 
 void moveOldLogs()
 {
-    const QSettings settings(QLatin1String("zarn5"), QLatin1String("keepwatch"));
+    actAsKeepwatch();
+    const QSettings settings;
     const QString log = QFileInfo(readLoggingSettings(settings).logFile).canonicalFilePath();
     QFile file(log);
     // A start that failed at once has left one line, which is not worth a place.
