@@ -14,22 +14,17 @@ function(install_gzipped file directory)
   install(FILES ${CMAKE_CURRENT_BINARY_DIR}/${name}.gz DESTINATION ${directory})
 endfunction()
 
-install(TARGETS keepwatch zarn5-check zarn5ctl RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
-install(PROGRAMS tools/zarn5-bus tools/zarn5-calls tools/zarn5-guard tools/zarn5-oldlog DESTINATION ${CMAKE_INSTALL_BINDIR})
+install(TARGETS keepwatch zarn5ctl RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
 install(FILES device/keepwatch.service DESTINATION lib/systemd/user)
 install(FILES device/dbus.service.d/keepwatch.conf DESTINATION lib/systemd/user/dbus.service.d)
-foreach(page keepwatch zarn5-bus zarn5-calls zarn5-check zarn5-oldlog zarn5ctl)
+foreach(page keepwatch zarn5ctl)
   install_gzipped(man/${page}.8 ${CMAKE_INSTALL_MANDIR}/man8)
 endforeach()
-# zarn5-guard shares the manual page of zarn5-calls.
-execute_process(COMMAND ${CMAKE_COMMAND} -E create_symlink zarn5-calls.8.gz ${CMAKE_CURRENT_BINARY_DIR}/zarn5-guard.8.gz)
-install(FILES ${CMAKE_CURRENT_BINARY_DIR}/zarn5-guard.8.gz DESTINATION ${CMAKE_INSTALL_MANDIR}/man8)
 install_gzipped(man/keepwatch.conf.5 ${CMAKE_INSTALL_MANDIR}/man5)
 install_gzipped(packaging/changelog ${CMAKE_INSTALL_DOCDIR})
 
-# Installs a page and adapts its links, because the package has other folders than the source: device/, demo/, and fleet/
-# become examples/, and the folders of fleet/ get the names of the programs that they configure. Links to what
-# keepwatch-dev contains lead there.
+# Installs a page and adapts its links, because the package has other folders than the source: device/ and demo/
+# become examples/, and fleet/ becomes examples/fleet/. Links to what keepwatch-dev contains lead there.
 function(install_page page directory)
   string(REPLACE / - name ${page})
   get_filename_component(file ${page} NAME)
@@ -38,9 +33,8 @@ function(install_page page directory)
     COMMAND sed -E -e "s,\\]\\((\\.\\./)?device/((keepwatch|dbus)\\.service),](../../../lib/systemd/user/\\2,g"
       -e "s,\\]\\((doc/)?modules\\.md,](../keepwatch-dev/modules.md,g"
       -e "s,\\]\\(doc/examples,](../keepwatch-dev/examples,g" -e "s,\\]\\(demo/,](../keepwatch-dev/examples/,g"
-      -e "s,\\]\\((\\.\\./)?(device|demo|fleet)/,](examples/,g" -e "s,\\]\\(doc/,](,g"
-      -e "s,(\\]\\([a-z./]*)collector/,\\1rsyslog/,g" -e "s,(\\]\\([a-z./]*)store/,\\1clickhouse/,g"
-      -e "s,(\\]\\([a-z./]*)metrics/,\\1prometheus/,g"
+      -e "s,\\]\\((\\.\\./)?(device|demo)/,](examples/,g" -e "s,\\]\\((\\.\\./)?fleet/,](examples/fleet/,g"
+      -e "s,\\]\\(doc/,](,g" -e "s,\\]\\(\\.\\./doc/,](../../,g"
       ${CMAKE_CURRENT_SOURCE_DIR}/${page} > ${name}/${file}
     DEPENDS ${page} VERBATIM)
   add_custom_target(${name}.linked ALL DEPENDS ${name}/${file})
@@ -48,18 +42,12 @@ function(install_page page directory)
 endfunction()
 
 set(examples ${CMAKE_INSTALL_DOCDIR}/examples)
-foreach(page README.md doc/operating.md doc/measurements.md doc/porting.md)
+foreach(page README.md doc/operating.md doc/measurements.md doc/porting.md doc/fleet.md)
   install_page(${page} ${CMAKE_INSTALL_DOCDIR})
 endforeach()
 install(FILES doc/plot.png doc/lnav.png packaging/copyright DESTINATION ${CMAKE_INSTALL_DOCDIR})
-foreach(folders collector:rsyslog store:clickhouse metrics:prometheus)
-  string(REPLACE : ";" folders ${folders})
-  list(GET folders 0 folder)
-  list(GET folders 1 installed)
-  install(DIRECTORY fleet/${folder}/ DESTINATION ${examples}/${installed}
-    USE_SOURCE_PERMISSIONS PATTERN README.md EXCLUDE)
-  install_page(fleet/${folder}/README.md ${examples}/${installed})
-endforeach()
+install(DIRECTORY fleet DESTINATION ${examples} USE_SOURCE_PERMISSIONS REGEX fleet/README.md EXCLUDE)
+install_page(fleet/README.md ${examples}/fleet)
 install(DIRECTORY device/arm device/supervisors DESTINATION ${examples} USE_SOURCE_PERMISSIONS)
 install(PROGRAMS device/busybox-init device/backoff DESTINATION ${examples})
 install(FILES device/lnav.json DESTINATION ${examples})

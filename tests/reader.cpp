@@ -347,7 +347,9 @@ static QByteArray draw(const QByteArray &log)
     fflush(stdout);
     const int output = dup(STDOUT_FILENO);
     dup2(picture.handle(), STDOUT_FILENO);
-    plotCommand(Options { file.fileName().toLocal8Bit(), Page, QByteArray(), 0, false });
+    Options options = Options();
+    options.log = file.fileName().toLocal8Bit();
+    plotCommand(options);
     fflush(stdout);
     dup2(output, STDOUT_FILENO);
     close(output);

@@ -7,6 +7,12 @@
 #include <dbus/dbus.h>
 #include <sys/time.h>
 
+QByteArray busAddress()
+{
+    const QByteArray address = qgetenv("DBUS_SESSION_BUS_ADDRESS"), runtime = qgetenv("XDG_RUNTIME_DIR");
+    return address.isEmpty() && !runtime.isEmpty() ? "unix:path=" + runtime + "/bus" : address;
+}
+
 Bus::~Bus()
 {
     for (const Question &question : questions) {
@@ -98,6 +104,58 @@ bool Bus::wait(qint64 deadline)
         if (rest <= 0 || !dbus_connection_read_write(connection, int(qMin(rest, qint64(1000)))))
             return false;
     }
+}
+
+void Bus::publish(const QByteArray &line, qint64 deadline)
+{
+    DBusMessage *const signal = dbus_message_new_signal("/", "com.qel.zarn5.log", "log");
+    const dbus_uint32_t warning = 1;
+    const char *const text = line.constData();
+    dbus_message_append_args(signal, DBUS_TYPE_UINT32, &warning, DBUS_TYPE_STRING, &text, DBUS_TYPE_INVALID);
+    dbus_connection_send(connection, signal, 0);
+    dbus_message_unref(signal);
+    askDaemon("GetId");
+    wait(deadline);
+}
+
+bool Bus::becomeMonitor(const QList<QByteArray> &rules, int limitMs)
+{
+    DBusMessage *const message = dbus_message_new_method_call(
+        DBUS_SERVICE_DBUS, DBUS_PATH_DBUS, "org.freedesktop.DBus.Monitoring", "BecomeMonitor");
+    DBusMessageIter arguments, array;
+    dbus_message_iter_init_append(message, &arguments);
+    dbus_message_iter_open_container(&arguments, DBUS_TYPE_ARRAY, DBUS_TYPE_STRING_AS_STRING, &array);
+    for (const QByteArray &rule : rules) {
+        const char *const text = rule.constData();
+        dbus_message_iter_append_basic(&array, DBUS_TYPE_STRING, &text);
+    }
+    dbus_message_iter_close_container(&arguments, &array);
+    const dbus_uint32_t flags = 0;
+    dbus_message_iter_append_basic(&arguments, DBUS_TYPE_UINT32, &flags);
+    // Not by ask(), because wait() has the library reply to calls, for which a bus daemon ends a monitor.
+    DBusMessage *const reply = dbus_connection_send_with_reply_and_block(connection, message, limitMs, 0);
+    dbus_message_unref(message);
+    if (reply)
+        dbus_message_unref(reply);
+    return reply != 0;
+}
+
+int Bus::descriptor() const
+{
+    int descriptor = -1;
+    dbus_connection_get_unix_fd(connection, &descriptor);
+    return descriptor;
+}
+
+bool Bus::read()
+{
+    dbus_connection_read_write(connection, 0);
+    return dbus_connection_get_is_connected(connection);
+}
+
+DBusMessage *Bus::take()
+{
+    return dbus_connection_pop_message(connection);
 }
 
 // When a bus daemon goes away, the library answers in its place.

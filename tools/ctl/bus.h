@@ -1,4 +1,4 @@
-// Questions to a bus, none of which blocks.
+// Questions to a bus, and what goes on there. Nothing blocks without a time limit.
 #ifndef BUS_H
 #define BUS_H
 
@@ -6,6 +6,9 @@
 #include <QList>
 
 #include <deque>
+
+/** Returns the address of the session bus that the environment names; empty if it names none. */
+QByteArray busAddress();
 
 struct DBusConnection;
 struct DBusMessage;
@@ -30,6 +33,20 @@ public:
 
     /** Waits until all questions are answered. Returns false if one is not at `deadline`. */
     bool wait(qint64 deadline);
+
+    /** Publishes a warning for the log, as a module does. Waits until the bus daemon has it. */
+    void publish(const QByteArray &line, qint64 deadline);
+
+    /**
+     * Receives from now on what matches one of the `rules`, whatever its destination, and can send nothing more.
+     * Returns false if the bus daemon refuses that, or has not answered after `limitMs`.
+     */
+    bool becomeMonitor(const QList<QByteArray> &rules, int limitMs);
+    int descriptor() const; ///< readable when something has arrived or the connection has ended
+    /** Reads what has arrived, or a part of it. Returns false if the connection has ended. */
+    bool read();
+    /** Returns the next message that was read, which the caller owns; null if there is none. */
+    DBusMessage *take();
 
     bool isAnswered(size_t question) const; ///< be it by an error
     bool isError(size_t question) const;

@@ -1,20 +1,18 @@
 #include "inquiry.h"
 
 #include "bus.h"
+#include "check.h"
 #include "commands.h"
 #include "modules.h"
 #include "place.h"
-#include "qtversion.h"
 #include "settings.h"
 
-#include <QCoreApplication>
 #include <QDataStream>
 #include <QFile>
 #include <QFileInfo>
 #include <QSettings>
 
 #include <cerrno>
-#include <clocale>
 #include <csignal>
 #include <ctime>
 #include <fcntl.h>
@@ -105,11 +103,7 @@ QByteArray Asker::placed(const QString &path) const
 
 void Asker::readSettings()
 {
-    setlocale(LC_CTYPE, "");
-    keepLettersWithoutLocale();
-    QCoreApplication::setOrganizationName(QLatin1String("zarn5"));
-    QCoreApplication::setOrganizationDomain(QLatin1String("zarn5.qel.com"));
-    QCoreApplication::setApplicationName(QLatin1String("keepwatch"));
+    actAsKeepwatch();
     const QSettings settings;
     if (QFile::exists(settings.fileName()))
         facts["settings"] = QFile::encodeName(settings.fileName());
@@ -182,10 +176,7 @@ void Asker::judgeUnwritten(const QByteArray &path)
 
 void Asker::askBus()
 {
-    QByteArray address = qgetenv("DBUS_SESSION_BUS_ADDRESS");
-    const QByteArray runtime = qgetenv("XDG_RUNTIME_DIR");
-    if (address.isEmpty() && !runtime.isEmpty())
-        address = "unix:path=" + runtime + "/bus";
+    QByteArray address = busAddress();
     facts["bus_address"] = address;
     facts["bus"] = "unknown";
     if (address.isEmpty())
@@ -242,7 +233,8 @@ void Asker::askLives(Bus *bus)
     bus->wait(answerEnd());
     facts["silent"] = "";
     for (const QByteArray &name : connections) {
-        if (!bus->isAnswered(questions[name]))
+        // The bus daemon replies for a connection that has ended.
+        if (!bus->isAnswered(questions[name]) || bus->isError(questions[name]))
             join(&facts["silent"], name, " ");
     }
     for (Facts &module : report.modules) {
@@ -368,8 +360,7 @@ static void findProcesses(const Processes &processes, const Process &daemon, Rep
     }
 }
 
-// The name of the first socket in an address, as the kernel has it.
-static QByteArray socketPath(const QByteArray &address)
+QByteArray socketPath(const QByteArray &address)
 {
     const QByteArray name = address.mid(address.indexOf('=') + 1).split(';')[0].split(',')[0];
     return address.startsWith("unix:abstract=") ? "@" + name : name;

@@ -21,4 +21,7 @@ struct Inquiry
  */
 QList<Report> inquire(const Processes &processes, const QList<Process> &daemons, const Inquiry &inquiry);
 
+/** Returns the name of the first socket in the address of a bus, as the kernel has it. */
+QByteArray socketPath(const QByteArray &address);
+
 #endif

@@ -1,4 +1,5 @@
-// zarn5ctl: what keepwatch does, from outside. Changes nothing, and starts no other program.
+// zarn5ctl: what keepwatch does, from outside. Starts no other program, and changes nothing, but that "watch"
+// ends what hangs.
 #include "commands.h"
 
 #include <csignal>
@@ -11,6 +12,10 @@ static const char usage[]
       "       zarn5ctl log LOG|- [--tsv|--json]\n"
       "       zarn5ctl plot LOG|- >FILE.svg\n"
       "       zarn5ctl ping [--modules] [SECONDS]\n"
+      "       zarn5ctl check [SECONDS]\n"
+      "       zarn5ctl run [--bus] [--watch] [--interval SECONDS] [--limit SECONDS] [--] PROGRAM "
+      "[ARGUMENT]...\n"
+      "       zarn5ctl watch [--interval SECONDS] [--limit SECONDS]\n"
       "       zarn5ctl --help | --version\n";
 static const char help[]
     = "\n"
@@ -19,6 +24,10 @@ static const char help[]
       "log     prints a row per line of the log: arrival, delay, level, module, text\n"
       "plot    draws when the modules were not released, which of them exited, and the delay of the lines\n"
       "ping    says whether keepwatch answers within SECONDS\n"
+      "check   says whether keepwatch will start with the settings, the environment, and the bus of its "
+      "caller\n"
+      "run     keeps the older logs, starts a private bus and the PROGRAM, and ends them together\n"
+      "watch   logs which module blocks keepwatch, and ends a keepwatch or a bus daemon that hangs\n"
       "\n"
       "Exit status: 0 all is well, 1 something is not, 2 cannot tell or usage error; of ping, 3: a module is "
       "silent.\n";
@@ -34,6 +43,9 @@ static const struct Command
     { "log", logCommand, "--tsv --json ", true, true },
     { "plot", plotCommand, "", true, true },
     { "ping", pingCommand, "--modules ", false, false },
+    { "check", checkCommand, "", false, false },
+    { "watch", watchCommand, "--interval --limit ", false, false },
+    { "run", runCommand, "--bus --watch --interval --limit ", false, false },
 };
 
 static bool parseSeconds(const QByteArray &text, int *seconds)
@@ -49,10 +61,14 @@ static bool parseOption(const Command &command, const QByteArray &word, Options 
                      value = equals < 0 ? "" : word.mid(equals + 1);
     if (!QByteArray(command.options).contains(name + " "))
         return false;
-    if (name == "--limit")
-        return parseSeconds(value, &options->seconds);
+    if (name == "--limit" || name == "--interval")
+        return parseSeconds(value, name == "--limit" ? &options->seconds : &options->interval);
     if (name == "--modules")
         options->modules = true;
+    else if (name == "--bus")
+        options->bus = true;
+    else if (name == "--watch")
+        options->watch = true;
     else if (options->form != Page) // one is enough
         return false;
     else
@@ -67,7 +83,7 @@ static bool parseWord(const Command &command, const QByteArray &word, Options *o
     if (word.startsWith("-") && word != "-")
         return parseOption(command, word, options);
     if (!command.takesLog)
-        return options->seconds == 0 && parseSeconds(word, &options->seconds);
+        return command.run != watchCommand && options->seconds == 0 && parseSeconds(word, &options->seconds);
     const bool isFirst = options->log.isEmpty();
     options->log = word;
     return isFirst && !word.isEmpty();
@@ -75,17 +91,22 @@ static bool parseWord(const Command &command, const QByteArray &word, Options *o
 
 static int run(const Command &command, const QList<QByteArray> &words)
 {
-    Options options = { QByteArray(), Page, QByteArray(), 0, false };
+    const bool needsProgram = command.run == runCommand;
+    Options options = Options();
     for (int i = 0; i < words.size(); ++i) {
+        if (needsProgram && (words[i] == "--" || !words[i].startsWith("-"))) {
+            options.program = words.mid(words[i] == "--" ? i + 1 : i);
+            break;
+        }
         QByteArray word = words[i];
-        if (word == "--limit" && i + 1 < words.size())
+        if ((word == "--limit" || word == "--interval") && i + 1 < words.size())
             word += "=" + words[++i];
         if (!parseWord(command, word, &options)) {
             fprintf(stderr, "zarn5ctl: cannot take \"%s\" here\n%s", escape(word).constData(), usage);
             return 2;
         }
     }
-    if (!command.needsLog || !options.log.isEmpty())
+    if (command.needsLog ? !options.log.isEmpty() : !needsProgram || !options.program.isEmpty())
         return command.run(options);
     fputs(usage, stderr);
     return 2;

@@ -1,8 +1,9 @@
 // The command "ping": does keepwatch answer? For watchdogs, which act on it.
+#include "ping.h"
+
 #include "commands.h"
 #include "inquiry.h"
 #include "modules.h"
-#include "verdict.h"
 
 #include <cstdio>
 #include <unistd.h>
@@ -10,9 +11,12 @@
 static const int callSeconds = 25; // of a control call that a module does not answer
 static const int callsPerModule = 3; // that can follow one another: run(2), run(0), run(1)
 
-enum Outcome { Answers, Hangs, CannotTell, ModuleHangs };
+int longestWait()
+{
+    return callSeconds * callsPerModule * int(moduleNames().size());
+}
 
-// `*said`: what is wrong and what to do, such as what to kill.
+// `*said`: what is wrong and what to do.
 static Outcome judgeAnswers(const Report &report, bool modules, Finding *said)
 {
     const Facts &facts = report.facts;
@@ -33,39 +37,47 @@ static Outcome judgeAnswers(const Report &report, bool modules, Finding *said)
     return Answers;
 }
 
-static int say(FILE *stream, const Finding &finding, Outcome outcome)
+// Asks once, for `limitMs` at most.
+static Ping askOnce(qint64 limitMs, bool modules)
 {
-    fprintf(stream, "keepwatch: %s; %s\n", escape(finding.text).constData(),
-            escape(finding.advice).constData());
-    return fflush(stream) == 0 ? outcome : CannotTell;
+    const Processes processes = readProcesses();
+    const QList<Process> daemons = findDaemons(processes).mid(0, 1);
+    Ping found = { Hangs, { "does not run", "start it" }, daemons.size() == 1, false, Process() };
+    if (daemons.isEmpty() && !seesAllProcesses()) {
+        found.outcome = CannotTell;
+        found.finding = { "the processes of others are hidden from this user", "ask as root" };
+    }
+    if (daemons.isEmpty())
+        return found;
+    const Report report = inquire(processes, daemons, Inquiry { false, modules, limitMs, limitMs })[0];
+    found.outcome = judgeAnswers(report, modules, &found.finding);
+    found.isBus = report.facts.value("bus") == "silent";
+    found.hanging = found.isBus ? processes.value(int(number(report.facts, "bus_process"))) : daemons[0];
+    return found;
+}
+
+Ping ping(int limitSeconds, bool modules)
+{
+    const qint64 end = monotonicMs() + limitSeconds * qint64(1000);
+    // It may just have started, or be about to replace a connection that was cut off.
+    for (;; sleep(1)) {
+        Ping found = askOnce(qMax(qint64(500), end - monotonicMs()), modules);
+        if (found.outcome == Answers || found.outcome == CannotTell || !found.runs)
+            return found;
+        if (monotonicMs() >= end) {
+            found.finding.text += ", for " + QByteArray::number(limitSeconds) + " s";
+            return found;
+        }
+    }
 }
 
 int pingCommand(const Options &options)
 {
-    const int limit
-        = options.seconds ? options.seconds : callSeconds * callsPerModule * int(moduleNames().size());
-    const qint64 end = monotonicMs() + limit * qint64(1000);
-    // It may just have started, or be about to replace a connection that was cut off.
-    for (;; sleep(1)) {
-        const Processes processes = readProcesses();
-        const QList<Process> daemons = findDaemons(processes).mid(0, 1);
-        if (daemons.isEmpty() && !seesAllProcesses())
-            return say(stderr, Finding { "the processes of others are hidden from this user", "ask as root" },
-                       CannotTell);
-        if (daemons.isEmpty())
-            return say(stdout, Finding { "does not run", "start it" }, Hangs);
-        const qint64 rest = qMax(qint64(500), end - monotonicMs());
-        Finding finding;
-        const Outcome outcome
-            = judgeAnswers(inquire(processes, daemons, Inquiry { false, options.modules, rest, rest })[0],
-                           options.modules, &finding);
-        if (outcome == Answers)
-            return outcome;
-        if (outcome == CannotTell)
-            return say(stderr, finding, outcome);
-        if (monotonicMs() >= end) {
-            finding.text += ", for " + QByteArray::number(limit) + " s";
-            return say(stdout, finding, outcome);
-        }
-    }
+    const Ping found = ping(options.seconds ? options.seconds : longestWait(), options.modules);
+    if (found.outcome == Answers)
+        return Answers;
+    FILE *const stream = found.outcome == CannotTell ? stderr : stdout;
+    fprintf(stream, "keepwatch: %s; %s\n", escape(found.finding.text).constData(),
+            escape(found.finding.advice).constData());
+    return fflush(stream) == 0 ? found.outcome : CannotTell;
 }

@@ -114,7 +114,7 @@ static const Rule logRules[] = {
       "make room on that disk" },
     { "state", Fault, "state !state=running",
       "keepwatch is {state} since {state_since}{awaited?, waits for %}",
-      "if it stays so, see the end of the log, and run zarn5-check" },
+      "if it stays so, see the end of the log, and run zarn5ctl check" },
     { "state", Doubt, "untold trouble", "{source} {trouble}", "{trouble_advice}" },
     { "state", Doubt, "untold log !log_file", "the state is not known, because keepwatch logs to {log} only",
       "set logging/logfile, or give that output; of syslog: journalctl -o cat -t torvi | zarn5ctl status -" },
@@ -129,7 +129,8 @@ static const Rule logRules[] = {
     { "state", Doubt, "untold middle",
       "{what} begins in the middle{log_begin?, at %}, and no state is told in it",
       "give the log before it, too: cat LOG.1 LOG | zarn5ctl status -" },
-    { "state", Doubt, "untold", "{what} is no log of keepwatch", "zarn5-check prints where keepwatch logs" },
+    { "state", Doubt, "untold", "{what} is no log of keepwatch",
+      "zarn5ctl check prints where keepwatch logs" },
 };
 
 QByteArray nameOf(const Facts &module)

@@ -100,8 +100,8 @@ void Receiver::open()
         dbus_bus_add_match(connection, rule, 0);
 }
 
-// Opening a connection has no timeout and blocks while the bus daemon hangs. Check first that the bus daemon
-// replies.
+// Opening a connection has no timeout and blocks while the bus daemon hangs, or while a service manager holds
+// the socket of one that has exited. Check first that the bus daemon replies.
 void Receiver::reopen()
 {
     const QDBusConnection bus = QDBusConnection::sessionBus();
@@ -109,11 +109,10 @@ void Receiver::reopen()
         logWarning() << "there is no bus any more: no lines come until the next start";
         return;
     }
-    const QDBusReply<bool> reply = bus.interface()->isServiceRegistered(QLatin1String(DBUS_SERVICE_DBUS));
-    if (reply.error().type() == QDBusError::NoReply)
-        QTimer::singleShot(retryMs, this, SLOT(reopen()));
-    else
+    if (bus.interface()->isServiceRegistered(QLatin1String(DBUS_SERVICE_DBUS)).isValid())
         open();
+    else
+        QTimer::singleShot(retryMs, this, SLOT(reopen()));
 }
 
 void Receiver::close()
