@@ -34,7 +34,7 @@ static void move(const QStringList &places)
     for (int place = last; place > 0; --place) {
         const QByteArray from = QFile::encodeName(places[place - 1]);
         if (rename(from.constData(), QFile::encodeName(places[place]).constData()) != 0) {
-            say("no log is kept, because " + from + " cannot move: " + QByteArray(strerror(errno)));
+            complain("no log is kept, because " + from + " cannot move: " + QByteArray(strerror(errno)));
             return;
         }
     }
