@@ -366,7 +366,8 @@ static void findProcesses(const Processes &processes, const Process &daemon, Rep
 
 QByteArray socketPath(const QByteArray &address)
 {
-    const QByteArray name = address.mid(address.indexOf('=') + 1).split(';')[0].split(',')[0];
+    const QByteArray value = address.mid(address.indexOf('=') + 1).split(';')[0].split(',')[0];
+    const QByteArray name = QByteArray::fromPercentEncoding(value);
     return address.startsWith("unix:abstract=") ? "@" + name : name;
 }
 
