@@ -138,7 +138,7 @@ int checkStart(CheckOutput output, int seconds)
         ended = waitpid(checker, &status, WNOHANG);
     if (ended > 0 && WIFEXITED(status))
         return WEXITSTATUS(status);
-    if (ended == 0)
+    if (ended == 0 && checker > 0) // -1 would be all processes
         kill(checker, SIGKILL);
     complain("the check did not come to an end; see whether a disk hangs, or processes are too many");
     return 2;

@@ -195,7 +195,8 @@ void Asker::askBus()
     askLives(&bus);
 }
 
-// Whose the names on the bus are. False if the bus daemon does not answer.
+// Whose the names on the bus are. False if the bus daemon does not answer. The connections stay unknown if
+// the bus daemon, in a PID namespace of its own, knows other process IDs.
 bool Asker::askNames(Bus *bus)
 {
     const qint64 end = answerEnd();
@@ -206,16 +207,19 @@ bool Asker::askNames(Bus *bus)
         bus->askDaemon("GetConnectionUnixProcessID", name);
     if (!bus->wait(end) || names.isEmpty())
         return false;
+    bool isComparable = false;
     for (int i = 0; i < names.size(); ++i) {
         const qint64 owner = bus->number(list + 1 + size_t(i));
         if (names[i].startsWith(':') && ids.contains(int(owner)))
             connections.append(names[i]);
+        isComparable = isComparable || ids.contains(int(owner)) || owner == getpid();
         for (Facts &module : report.modules) {
             if (module.value("service") == names[i] && !names[i].startsWith(':'))
                 set(&module, "owner", owner);
         }
     }
-    set(&facts, "connections", connections.size());
+    if (isComparable)
+        set(&facts, "connections", connections.size());
     return true;
 }
 
@@ -355,14 +359,15 @@ static void findProcesses(const Processes &processes, const Process &daemon, Rep
             findProcess(processes, daemon, &module);
         else if (processes.contains(owner))
             describeProcess(processes[owner], &module);
-        if (launched && owner > 0)
+        if (launched && owner > 0 && report->facts.contains("connections"))
             set(&module, "foreign", isForeign(processes, module));
     }
 }
 
 QByteArray socketPath(const QByteArray &address)
 {
-    const QByteArray name = address.mid(address.indexOf('=') + 1).split(';')[0].split(',')[0];
+    const QByteArray value = address.mid(address.indexOf('=') + 1).split(';')[0].split(',')[0];
+    const QByteArray name = QByteArray::fromPercentEncoding(value);
     return address.startsWith("unix:abstract=") ? "@" + name : name;
 }
 

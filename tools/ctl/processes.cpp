@@ -152,7 +152,8 @@ int findListener(const Processes &processes, int daemon, const QByteArray &path)
     for (const QByteArray &line : readFile(daemon, "net/unix").split('\n')) {
         const QList<QByteArray> fields = line.simplified().split(' ');
         // A connection that was accepted there has the same path, but not the state of an unconnected socket.
-        if (fields.size() == 8 && fields[7] == path && fields[5] == "01")
+        // A path can have blanks.
+        if (fields.size() >= 8 && line.endsWith(' ' + path) && fields[5] == "01")
             sockets.append("socket:[" + fields[6] + "]");
     }
     for (const Process &process : processes) {

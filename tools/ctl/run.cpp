@@ -116,7 +116,7 @@ static bool startBus(Family *family)
     if (spawn(&family->bus, SIGKILL)) {
         const int copy = dup(ends[1]); // which stays open
         execute({ "dbus-daemon", "--session", "--nofork",
-                  "--address=unix:path=" + QByteArray(family->folder) + "/bus",
+                  "--address=unix:path=" + QByteArray(family->folder).toPercentEncoding("/") + "/bus",
                   "--print-address=" + QByteArray::number(copy) });
     }
     close(ends[1]);

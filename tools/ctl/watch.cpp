@@ -188,7 +188,7 @@ static void check(int limit)
     const Process process = first.hanging;
     if (second.outcome == CannotTell || (second.runs && !second.hanging.id))
         complain(second.finding.text + "; " + second.finding.advice);
-    else if (second.outcome == Hangs && second.hanging.id == process.id
+    else if (second.outcome == Hangs && second.runs && second.hanging.id == process.id
              && readProcesses().value(process.id).started == process.started)
         end(second);
 }
