@@ -37,6 +37,6 @@ int logCommand(const Options &options)
     for (Piece line; reader.next(&line);)
         printRow(line, options.form, &clock);
     if (reader.error)
-        complain(QByteArray("the log cannot be read further: ") + strerror(reader.error));
+        complain("the log cannot be read further: " + QByteArray(strerror(reader.error)));
     return finishOutput() && !reader.error ? 0 : 1;
 }

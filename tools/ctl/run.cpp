@@ -32,7 +32,7 @@ struct Family
 
 static bool fail(const QByteArray &what)
 {
-    say(what + ": " + QByteArray(strerror(errno)));
+    complain(what + ": " + QByteArray(strerror(errno)));
     return false;
 }
 
@@ -116,7 +116,7 @@ static bool startBus(Family *family)
     if (spawn(&family->bus, SIGKILL)) {
         const int copy = dup(ends[1]); // which stays open
         execute({ "dbus-daemon", "--session", "--nofork",
-                  QByteArray("--address=unix:path=") + family->folder + "/bus",
+                  "--address=unix:path=" + QByteArray(family->folder) + "/bus",
                   "--print-address=" + QByteArray::number(copy) });
     }
     close(ends[1]);
@@ -126,7 +126,7 @@ static bool startBus(Family *family)
     close(ends[0]);
     if (size > 0 && address[size - 1] == '\n')
         return qputenv("DBUS_SESSION_BUS_ADDRESS", QByteArray(address, int(size - 1)));
-    say("dbus-daemon does not start");
+    complain("dbus-daemon does not start");
     return false;
 }
 
@@ -138,8 +138,8 @@ static void waitForOthers(Family *family)
         if (others.isEmpty())
             return;
         if (others[0].id != named)
-            say("waits for the exit of " + describe(others[0])
-                + ", because keepwatch does not start beside a process of such a name");
+            complain("waits for the exit of " + describe(others[0])
+                     + ", because keepwatch does not start beside a process of such a name");
         named = others[0].id;
     }
 }
@@ -151,10 +151,12 @@ static void startProgram(const Options &options, Family *family)
         return;
     setsid();
     waitForOthers(family);
+    if (!family->isEnding) {
+        moveOldLogs(); // before the check, because it makes room
+        checkStart(FaultsAlone);
+    }
     if (family->isEnding)
         _exit(0);
-    moveOldLogs(); // before the check, because it makes room
-    checkStart(FaultsAlone);
     execute(options.program);
 }
 
@@ -169,7 +171,7 @@ static int serve(const Options &options, Family *family)
     for (reap(family); family->program; reap(family)) {
         const qint64 now = monotonicMs();
         if (options.bus && !family->bus && !family->isEnding) {
-            say("the bus has ended before the program");
+            complain("the bus has ended before the program");
             family->isEnding = true;
         }
         if (family->isEnding || getppid() != family->front) {
@@ -188,7 +190,7 @@ static int serve(const Options &options, Family *family)
         waitForSignal(family, family->isEnding ? 1 : interval);
     }
     if (monotonicMs() >= killDue)
-        say("the program did not exit on SIGINT, and was killed");
+        complain("the program did not exit on SIGINT, and was killed");
     if (family->folder[0]) {
         unlink((QByteArray(family->folder) + "/bus").constData());
         rmdir(family->folder);

@@ -29,7 +29,7 @@ int openLog(const QByteArray &path, Finding *trouble)
         *trouble = { "does not exist for this user",
                      "it was rotated a moment ago, or keepwatch logs elsewhere: zarn5ctl status says where" };
     else
-        *trouble = { QByteArray("cannot be read by this user: ") + strerror(error),
+        *trouble = { "cannot be read by this user: " + QByteArray(strerror(error)),
                      "see its owner and group, and those of its folder" };
     return -1;
 }

@@ -149,8 +149,3 @@ bool finishOutput()
     complain("the output cannot be written; make room on its disk");
     return false;
 }
-
-void say(const QByteArray &text)
-{
-    fprintf(stderr, "zarn5ctl: %s\n", escape(text).constData());
-}

@@ -94,7 +94,4 @@ void complain(const QByteArray &text);
 void print(const QByteArray &text);
 bool finishOutput();
 
-/** Writes a line to standard error. */
-void say(const QByteArray &text);
-
 #endif

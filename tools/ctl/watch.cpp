@@ -149,7 +149,7 @@ void CallWatcher::work(qint64 intervalMs)
         const QByteArray address = busAddress(), trouble = connect(address);
         retry = monotonicMs() + (trouble == "gone" ? retryMs : intervalMs);
         if (!monitor && !isTold)
-            say("no control calls are watched on the bus at \"" + address + "\": " + trouble);
+            complain("no control calls are watched on the bus at \"" + address + "\": " + trouble);
         isTold = !monitor;
     }
     if (monitor)
@@ -174,8 +174,8 @@ static Ping pingPatiently(int limit)
 static void end(const Ping &found)
 {
     const char *const outcome = kill(found.hanging.id, SIGKILL) == 0 ? "is killed" : "cannot be killed";
-    say(format("%s hangs: process %d %s (%s)", found.isBus ? "the bus daemon" : "keepwatch", found.hanging.id,
-               outcome, found.finding.text.constData()));
+    complain(format("%s hangs: process %d %s (%s)", found.isBus ? "the bus daemon" : "keepwatch",
+                    found.hanging.id, outcome, found.finding.text.constData()));
 }
 
 // Ends what hangs twice in a row, unless it was restarted.
@@ -187,7 +187,7 @@ static void check(int limit)
     const Ping second = first.outcome == Hangs ? pingPatiently(limit) : first;
     const Process process = first.hanging;
     if (second.outcome == CannotTell || (second.runs && !second.hanging.id))
-        say(second.finding.text + "; " + second.finding.advice);
+        complain(second.finding.text + "; " + second.finding.advice);
     else if (second.outcome == Hangs && second.hanging.id == process.id
              && readProcesses().value(process.id).started == process.started)
         end(second);
