@@ -67,7 +67,7 @@ set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_PACKAGE_MAINTAINER "keepwatch maintainers <keepwatch@keepwatch.invalid>")
 set(CPACK_DEBIAN_PACKAGE_SECTION admin)
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
-# procps contains pgrep and kill. dbus-daemon alone suffices for a bus that dbus-run-session starts.
+# procps contains pgrep and kill. dbus-daemon alone suffices for the private bus of "zarn5ctl run --bus".
 set(CPACK_DEBIAN_PACKAGE_DEPENDS
   "procps, default-dbus-session-bus | dbus-session-bus | dbus-daemon")
 set(CPACK_DEBIAN_PACKAGE_SUGGESTS "dbus-daemon, keepwatch-dev, lnav, runit")

@@ -366,16 +366,18 @@ void ReaderTest::plots_data()
     const QByteArray exit = "\"zarn5_gui\" ended unexpectedly with exit status 1",
                      pause = "pausing system due to errors";
     QTest::newRow("exit")
-        << "0=" + begin + "@9=still waiting for a.b@12=" + released + "@20=" + exit + "@20=" + pause
+        << "0=" + begin + "@9=still waiting for a.gui@12=" + released + "@20=" + exit + "@20=" + pause
             + "@25=all required services are reestablished: run!"
-        << QByteArray("starting: 00 to 12, 12.0 s|pause: 20 to 25, 5.0 s|wait for a.b: 09 to 12, 3.0 s|"
-                      "wait for zarn5_gui: 20 to 25, 5.0 s|exit or loss of zarn5_gui: 20");
+        << QByteArray("starting: 00 to 12, 12.0 s|pause: 20 to 25, 5.0 s|wait for a.gui: 09 to 12, 3.0 s|"
+                      "wait for a.gui: 20 to 25, 5.0 s|exit or loss of a.gui: 20");
     QTest::newRow("the middle")
         << "3=x@7=" + released + "@9=shutdown 1/2 -  shutting down modules@9=system was shutted down@30="
             + begin + "@35=" + released
         << QByteArray("starting: 30 to 35, 5.0 s|pause: 03 to 07, 4.0 s|shut down: 09 to 30, 21.0 s");
-    QTest::newRow("no end was seen") << "3=x@7=" + pause
-            + "@8=x@9=" + begin << QByteArray("starting: 09|pause: 07 to 08, 1.0 s|silence: 08 to 09, 1.0 s");
+    QTest::newRow("no end was seen") << "3=x@7=" + exit + "@8=still waiting for a.gui@9=" + begin
+                                     << QByteArray("starting: 09|pause: 07 to 08, 1.0 s|silence: 08 to 09, "
+                                                   "1.0 s|wait for zarn5_gui: 07 to 08, 1.0 s|"
+                                                   "exit or loss of zarn5_gui: 07");
     QTest::newRow("a lost service") << "3=" + begin + "@5=" + released
             + "@20=connection to a.b was unexpectedly closed@25=" + pause + "@30=x"
                                     << QByteArray("starting: 03 to 05, 2.0 s|pause: 20 to 30, 10.0 s|wait "

@@ -1,4 +1,4 @@
-// Questions to a bus, and what goes on there. Nothing blocks without a time limit.
+// Questions to a bus, and the messages on it. Nothing blocks without a time limit.
 #ifndef BUS_H
 #define BUS_H
 
@@ -38,8 +38,8 @@ public:
     void publish(const QByteArray &line, qint64 deadline);
 
     /**
-     * Receives from now on what matches one of the `rules`, whoever it is for, and can send nothing more.
-     * Returns false if the bus daemon refuses that, or has not answered after `limitMs`.
+     * Receives from now on what matches one of the `rules`, whatever its destination, and can send nothing
+     * more. Returns false if the bus daemon refuses that, or has not answered after `limitMs`.
      */
     bool becomeMonitor(const QList<QByteArray> &rules, int limitMs);
     int descriptor() const; ///< readable when something has arrived or the connection has ended

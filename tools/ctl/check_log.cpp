@@ -52,7 +52,7 @@ static QString checkFile(const QByteArray &place, const QString &path, Check *ch
     for (const WrittenFile &written : check->written)
         isWritten = isWritten || (written.inode == status.st_ino && written.device == status.st_dev);
     if (!isWritten) // it was moved, deleted, or named after the start
-        check->note(place, "the keepwatch that runs does not write it; restart that");
+        check->note(place, "the keepwatch that runs does not write it; restart keepwatch");
     const QString made = QFileInfo(file.path()).canonicalFilePath() + QLatin1Char('/') + file.fileName();
     return isDevice ? QString() : error ? made : file.canonicalFilePath();
 }

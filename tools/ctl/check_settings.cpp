@@ -80,14 +80,14 @@ static void checkLines(const QByteArray &file, QByteArray data, Check *check)
         if (line.isEmpty() || isComment || isRest)
             continue;
         if (goesOn)
-            check->fault(place, "goes on over the line end; close its quotes, and end it with no \\");
+            check->fault(place, "continues on the next line; close its quotes, and end it with no \\");
         if (size < heads) {
             check->fault(place, "reads as neither [section] nor key=value; correct it or put ; in front");
             continue;
         }
         section = heads ? name : section;
         int &before = seen[heads ? section : section + '=' + name];
-        const QByteArray again = " stands in line " + QByteArray::number(before) + " too, ";
+        const QByteArray again = " is in line " + QByteArray::number(before) + ", too, ";
         if (before && heads)
             check->note(place, name + again + "and the keys of both count");
         else if (before)

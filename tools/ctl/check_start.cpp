@@ -36,8 +36,7 @@ static bool takeRunning(Check *check)
     const bool isOld = readLink(daemon.id, "exe").endsWith(" (deleted)");
     check->written = openWrittenFiles(daemon.id);
     if (!takePlace(daemon.id, &prefix, &advice) || !prefix.isEmpty()) {
-        fprintf(stderr, "zarn5ctl: %s runs, and its surroundings are not known; %s\n",
-                escape(describe(daemon)).constData(), escape(advice).constData());
+        complain(describe(daemon) + " runs, and its surroundings are not known; " + advice);
         return false;
     }
     check->note("keepwatch",
@@ -141,8 +140,7 @@ int checkStart(CheckOutput output, int seconds)
         return WEXITSTATUS(status);
     if (ended == 0)
         kill(checker, SIGKILL);
-    fputs("zarn5ctl: the check did not come to an end; see whether a disk hangs, or processes are too many\n",
-          stderr);
+    complain("the check did not come to an end; see whether a disk hangs, or processes are too many");
     return 2;
 }
 

@@ -1,5 +1,5 @@
-// zarn5ctl: what keepwatch does, from outside. Starts no other program, and changes nothing, but that "watch"
-// ends what hangs.
+// zarn5ctl: what keepwatch does, from outside. Only "run" starts other programs and renames logs, and only
+// "watch" ends what hangs.
 #include "commands.h"
 
 #include <csignal>
@@ -26,11 +26,13 @@ static const char help[]
       "ping    says whether keepwatch answers within SECONDS\n"
       "check   says whether keepwatch will start with the settings, the environment, and the bus of its "
       "caller\n"
-      "run     keeps the older logs, starts a private bus and the PROGRAM, and ends them together\n"
+      "run     keeps the older logs, checks the start, and runs the PROGRAM; --bus: on a private bus;\n"
+      "        --watch: with what watch does\n"
       "watch   logs which module blocks keepwatch, and ends a keepwatch or a bus daemon that hangs\n"
       "\n"
       "Exit status: 0 all is well, 1 something is not, 2 cannot tell or usage error; of ping, 3: a module is "
-      "silent.\n";
+      "silent;\n"
+      "of run, that of the PROGRAM.\n";
 
 static const struct Command
 {

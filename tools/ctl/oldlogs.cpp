@@ -1,11 +1,9 @@
 #include "oldlogs.h"
 
-#include "settings.h"
+#include "check.h"
 #include "text.h"
 
-#include <QFile>
 #include <QFileInfo>
-#include <QSettings>
 #include <QStringList>
 
 #include <cerrno>
@@ -59,13 +57,14 @@ static void keepEnd(const QString &log)
         return;
     file.seek(file.size() - endBytes);
     const QByteArray end = file.read(endBytes);
-    file.resize(0); // first, because there can be no space for another byte; also goes there
+    file.resize(0); // first, because there can be no space for another byte; also sets the position to 0
     file.write(end);
 }
 
 void moveOldLogs()
 {
-    const QSettings settings(QLatin1String("zarn5"), QLatin1String("keepwatch"));
+    actAsKeepwatch();
+    const QSettings settings;
     const QString log = QFileInfo(readLoggingSettings(settings).logFile).canonicalFilePath();
     QFile file(log);
     // A start that failed at once has left one line, which is not worth a place.

@@ -78,7 +78,6 @@ public:
 
 private:
     void addCell(const Cell &cell);
-    void addStatement(const Statement &statement);
     void enter(Phase entered, qint64 at);
     void blame(const QByteArray &name, bool marked);
     double x(qint64 time) const
@@ -109,6 +108,8 @@ private:
 
 void Plot::add(const LogLine &line)
 {
+    static const Phase entered[]
+        = { Undetermined, Starting, Waiting, Released, Paused, Undetermined, Ended, Ended }; // by State
     if (!line.stamp.size)
         return;
     before = isEmpty ? 0 : now;
@@ -121,8 +122,16 @@ void Plot::add(const LogLine &line)
     most = qMax(most, line.delay);
     addCell(Cell { now, line.delay, 1 });
     Statement statement;
-    if (parseStatement(line, &statement))
-        addStatement(statement);
+    if (!parseStatement(line, &statement))
+        return;
+    if (statement.event == RunStarts && before && phase != Ended)
+        enter(Silent, before); // nobody saw the end of the run before
+    if (statement.event == Await)
+        enter(Waiting, now);
+    else if (entered[statement.enters] != Undetermined)
+        enter(entered[statement.enters], now);
+    if (statement.event == Exit || statement.event == Lost || statement.event == Await)
+        blame(statement.name.bytes().left(60), statement.event != Await);
 }
 
 void Plot::addCell(const Cell &cell)
@@ -138,20 +147,6 @@ void Plot::addCell(const Cell &cell)
     cells.clear();
     for (const Cell &kept : old)
         addCell(kept);
-}
-
-void Plot::addStatement(const Statement &statement)
-{
-    static const Phase entered[]
-        = { Undetermined, Starting, Waiting, Released, Paused, Undetermined, Ended, Ended }; // by State
-    if (statement.event == RunStarts && before && phase != Ended)
-        enter(Silent, before); // nobody saw the end of the run before
-    if (statement.event == Await)
-        enter(Waiting, now);
-    else if (entered[statement.enters] != Undetermined)
-        enter(entered[statement.enters], now);
-    if (statement.event == Exit || statement.event == Lost || statement.event == Await)
-        blame(statement.name.bytes().left(60), statement.event != Await);
 }
 
 void Plot::enter(Phase entered, qint64 at)

@@ -151,10 +151,12 @@ static void startProgram(const Options &options, Family *family)
         return;
     setsid();
     waitForOthers(family);
+    if (!family->isEnding) {
+        moveOldLogs(); // before the check, because it makes room
+        checkStart(FaultsAlone);
+    }
     if (family->isEnding)
         _exit(0);
-    moveOldLogs(); // before the check, because it makes room
-    checkStart(FaultsAlone);
     execute(options.program);
 }
 

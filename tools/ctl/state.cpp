@@ -136,22 +136,8 @@ static Facts *moduleOf(const QByteArray &name, QList<Facts> *modules)
     return &modules->last();
 }
 
-void LogState::restart()
+void LogState::count(const LogLine &line)
 {
-    LogState fresh;
-    fresh.facts["log_begin"] = facts.value("log_begin");
-    fresh.complete = complete;
-    *this = fresh;
-}
-
-void LogState::add(const LogLine &line)
-{
-    Statement statement;
-    const bool isOwn = parseStatement(line, &statement);
-    const bool starts = isOwn && statement.event == RunStarts;
-    if (starts)
-        restart();
-    shortened = shortened || (isOwn && statement.times > 1);
     ++lines[line.level];
     late += line.delay > lateMs;
     delaySum += qMax(line.delay, 0);
@@ -161,6 +147,21 @@ void LogState::add(const LogLine &line)
     ++delays[bucket];
     if (line.stamp.size == sizeof last)
         memcpy(last, line.stamp.begin, sizeof last);
+}
+
+void LogState::add(const LogLine &line)
+{
+    Statement statement;
+    const bool isOwn = parseStatement(line, &statement);
+    const bool starts = isOwn && statement.event == RunStarts;
+    if (starts) {
+        LogState fresh;
+        fresh.facts["log_begin"] = facts.value("log_begin");
+        fresh.complete = complete;
+        *this = fresh;
+    }
+    shortened = shortened || (isOwn && statement.times > 1);
+    count(line);
     if (!isOwn)
         return addOutput(line);
     if (facts.value("log_begin").isEmpty())
@@ -178,7 +179,10 @@ void LogState::add(const LogLine &line)
     case Await:
         if (state == Unknown)
             enter(Wait, line.stamp);
-        await(name.left(textLimit));
+        if (awaited.contains(name.left(textLimit)))
+            awaited.clear(); // the next check begins
+        if (awaited.size() < listLimit)
+            awaited.append(name.left(textLimit));
         break;
     default: break;
     }
@@ -211,14 +215,6 @@ void LogState::enter(State entered, const Piece &stamp)
     state = entered;
     facts["state"] = stateNames[state];
     facts["state_since"] = stamp.bytes();
-}
-
-void LogState::await(const QByteArray &name)
-{
-    if (awaited.contains(name))
-        awaited.clear(); // the next check begins
-    if (awaited.size() < listLimit)
-        awaited.append(name);
 }
 
 static void increase(Facts *facts, const char *name, qint64 by)

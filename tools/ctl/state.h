@@ -52,10 +52,9 @@ public:
     void describe(qint64 now, Report *report);
 
 private:
-    void restart();
+    void count(const LogLine &line);
     void addOutput(const LogLine &line);
     void enter(State entered, const Piece &stamp);
-    void await(const QByteArray &name);
     void exited(const Statement &statement, const Piece &stamp);
     void describeLines(Facts *facts) const;
     void describeAwaited(Report *report) const;
