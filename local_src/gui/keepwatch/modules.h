@@ -15,18 +15,6 @@ inline QStringList moduleNames()
     return QStringList() << QLatin1String("gui") << QLatin1String("uartinterface");
 }
 
-/** Returns the path of a module's executable if no setting names it; relative to the working directory. */
-inline QString defaultPath(const QString &name)
-{
-    return QLatin1String("zarn5_") + name;
-}
-
-/** Returns the bus name of a module if no setting names it. */
-inline QString defaultService(const QString &name)
-{
-    return QLatin1String("com.qel.zarn5.") + name;
-}
-
 /**
  * Returns whether a module can own `service`. Check this before a bus name is watched or called, because
  * libdbus aborts the process on an invalid one. A unique name (":1.2") is valid for libdbus but cannot be

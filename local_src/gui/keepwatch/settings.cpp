@@ -1,7 +1,5 @@
 #include "settings.h"
 
-#include "modules.h"
-
 #include <QSettings>
 
 // A text that is not a number, such as "true", reads as 0.
@@ -13,10 +11,11 @@ static bool readFlag(const QSettings &settings, const QString &key)
 ModuleSettings readModuleSettings(const QSettings &settings, const QString &name)
 {
     ModuleSettings module;
-    module.path = settings.value(name + QLatin1String("/path"), defaultPath(name)).toString();
+    module.path = settings.value(name + QLatin1String("/path"), QLatin1String("zarn5_") + name).toString();
     module.start = readFlag(settings, name + QLatin1String("/start"));
     module.wait = readFlag(settings, name + QLatin1String("/wait"));
-    module.service = settings.value(name + QLatin1String("/service"), defaultService(name)).toString();
+    module.service
+        = settings.value(name + QLatin1String("/service"), QLatin1String("com.qel.zarn5.") + name).toString();
     return module;
 }
 
