@@ -146,7 +146,8 @@ static void prepareModule(bool settled, Facts *facts, Facts *module)
 {
     const bool loops
         = number(*module, "streak") >= loopExits && number(*module, "exits_last_age") < crashPeriod;
-    (*module)["name"] = nameOf(*module);
+    const QByteArray name = nameOf(*module);
+    (*module)["name"] = name;
     (*module)["killed"] = module->value("process", module->value("owner"));
     (*module)["restart"] = number(*module, "launched") ? ", and keepwatch restarts it" : "";
     set(module, "settled", settled);
