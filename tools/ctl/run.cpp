@@ -108,7 +108,8 @@ static bool startBus(Family *family)
     QByteArray folder = qgetenv("TMPDIR");
     folder = (folder.startsWith("/") ? folder : "/tmp") + "/bus.XXXXXX";
     errno = ENAMETOOLONG;
-    if (folder.size() >= int(sizeof family->folder) || !mkdtemp(strcpy(family->folder, folder.constData())))
+    const size_t limit = sizeof family->folder;
+    if (size_t(folder.size()) >= limit || !mkdtemp(qstrncpy(family->folder, folder.constData(), limit)))
         return fail("cannot create " + folder + ", so set TMPDIR to another folder");
     int ends[2];
     if (pipe2(ends, O_CLOEXEC) != 0)
@@ -183,7 +184,7 @@ static int serve(const Options &options, Family *family)
             if (now >= killDue)
                 kill(-family->program, SIGKILL); // the modules, too
         } else if (options.watch && !family->watch && now >= watchDue) {
-            watchDue = now + interval * 1000;
+            watchDue = now + interval * qint64(1000);
             if (spawn(&family->watch, SIGKILL))
                 _exit(watch(options.interval, options.seconds));
         }
